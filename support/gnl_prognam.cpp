@@ -1,0 +1,3 @@
+#include "vornsupport/support.h"
+
+char* gnl_prognam = nullptr;
