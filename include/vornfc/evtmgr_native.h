@@ -1,0 +1,256 @@
+#pragma once
+/// The event manager on poll(), and the registrar of the requests made inside its callbacks.
+
+#include "vornfc/evtmgr.h"
+#include "vornfc/export.h"
+#include "vornfc/file.h"
+#include "vornfc/mutex.h"
+#include "vornfc/timer.h"
+
+#include <poll.h>
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace vornfc {
+
+class AsyncRegistrar;
+
+/// The event manager that waits in poll(). Reached through VrnEvtMgr::instance(); its settings are
+/// read from the environment at construction:
+///   VORN_EM_THROWTASKS  "y": an exception from a timer or descriptor callback ends the loop
+///   VORN_EM_TIMERPREC   microseconds of timer distance per millisecond of waiting, at least 1000
+/// (VORN_EM_ARMODE is accepted and changes nothing: requests always go through the registrar.)
+///
+/// The sync operations are the direct forms behind starts and stops. They may be called from any
+/// thread; an application has no need to. They take the registry lock, and call back without it.
+class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
+ public:
+  /// What is registered on one descriptor number.
+  struct iofile_t {
+    std::array<VrnAIO*, 2> aios{};  ///< [0] the input watcher, [1] the output watcher; null: none
+    VrnFile* file = nullptr;
+    int pidx = -1;        ///< Position in pollfds; -1: nothing is registered.
+    unsigned serial = 0;  ///< Counts the registrations of this descriptor number.
+  };
+
+  /// Throws VrnException 6 "Duplicate EvtMgr", or 2 when the registrar's pipe cannot be made.
+  VrnEvtMgrNative();
+  ~VrnEvtMgrNative() override;
+
+  void startDispatcher() override;
+  void stopDispatcher() override;
+  bool startAIO(VrnFile* file, VrnAIO* aio) override;
+  bool stopAIO(VrnFile* file, VrnAIO* aio) override;
+  bool startTimer(VrnTimer* timer) override;
+  bool stopTimer(VrnTimer* timer) override;
+  VrnSignalHandler* startSignal(VrnSignalHandler* handler, int signo) override;
+  bool stopSignal(VrnSignalHandler* handler, int signo, bool ignore) override;
+
+  /// Makes the loop end at its next check.
+  void syncstopDispatcher();
+
+  /// Registers the watch. False, and nothing changed, when the loop has ended. Puts the descriptor
+  /// in non-blocking mode at its first watch.
+  bool syncstartAIO(VrnFile* file, VrnAIO* aio);
+
+  /// Ends the watch if there is one, then calls aioCancelled(file, hangup, err) if `notify`.
+  void syncstopAIO(VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err);
+
+  /// Enters the timer in the queue. False when the loop has ended.
+  bool syncstartTimer(VrnTimer* timer);
+
+  /// Takes the timer out of the queue if it is there, then calls timerCancelled() if `notify`.
+  void syncstopTimer(VrnTimer* timer, bool notify);
+
+  /// Changes the delivery of `signo` (-1, stop only: of all signals of `handler`), then calls
+  /// signalStopped() if `notify`. Returns the handler that `signo` had.
+  VrnSignalHandler* sigRequest(bool start, bool notify, VrnSignalHandler* handler, int signo,
+                               bool ignore);
+
+  /// Calls signalReceived() or signalStopped(); exceptions are logged.
+  void sigResponse(bool received, VrnSignalHandler* handler, int signo);
+
+  /// Calls the watchers of one descriptor. Both arguments are the caller's copies.
+  void handleIO(pollfd* entry, iofile_t* record);
+
+ private:
+  friend class AsyncRegistrar;
+  friend class VrnAIO;
+  friend class VrnAsyncReceiver;
+  friend class VrnSignalHandler;
+  friend class VrnTimer;
+
+  // One callback that is running, innermost first: while it is, its objects may only be destroyed
+  // by the dispatcher thread itself; other threads wait for the end of the callback.
+  class Callback {
+   public:
+    Callback(VrnEvtMgrNative* mgr, const void* object, const void* second = nullptr);
+    ~Callback();  // takes the registry lock; the constructor expects it held
+    Callback(const Callback&) = delete;
+    Callback& operator=(const Callback&) = delete;
+
+    VrnEvtMgrNative* const mgr;
+    std::array<const void*, 2> objects;
+    Callback* const outer;
+  };
+
+  void dispatcher();
+  void dispatcherStopped();
+  void deliver_signals();
+  int fire_due_timers();
+  int wait_for_events(int timeout);
+  void deliver_ready(int count);
+  void call_ready(int fd, unsigned serial, size_t slot);
+  bool refresh(pollfd* entry, iofile_t* record) const;
+  void end_thrown_watch(int fd, unsigned serial);
+  void report_timers();
+  void report_watchers();
+  void report_signal_handlers();
+
+  struct Sizes {
+    int timers, pollfds, pollfds_capacity, iofiles, iofiles_capacity;
+  };
+  Sizes sizes() const;
+  bool nothing_watched() const;
+  bool on_owner_thread() const { return pthread_equal(pthread_self(), owner) != 0; }
+
+  // The sync operations for a caller that holds the registry lock; those that call back do so with
+  // `lock` released, and leave it so.
+  using Lock = std::unique_lock<std::mutex>;
+  bool start_watch(VrnFile* file, VrnAIO* aio);
+  void stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err);
+  bool queue_timer(VrnTimer* timer);
+  void stop_timer(Lock* lock, VrnTimer* timer, bool notify);
+  VrnSignalHandler* change_signal(Lock* lock, bool start, bool notify, VrnSignalHandler* handler,
+                                  int signo, bool ignore);
+
+  // These expect the registry lock held.
+  bool unregister(VrnFile* file, VrnAIO* aio);  // false: it was not registered
+  void unregister(const VrnAIO* aio);
+  void unregister(const VrnFile* file);
+  void clear_slot(iofile_t* record, size_t slot);
+  void remove_entry(iofile_t* record);
+  static void drop_listing(VrnFile* file, VrnAIO* aio);
+  void unqueue(VrnTimer* timer);
+  bool in_callback(const void* object) const;
+
+  void wake();  // ends the wait of the loop, when called on another thread
+
+  // An object ends: whatever is registered or requested for it is dropped, and a callback that runs
+  // on another thread is waited for.
+  static void forget(VrnTimer* timer);
+  static void forget(VrnAIO* aio);
+  static void forget(VrnFile* file);
+  static void forget(VrnSignalHandler* handler);
+  void end_callbacks(Lock* lock, const void* object);
+
+  // Waits a moment for the end of a callback to `object` that runs on another thread.
+  static void let_callback_finish(const void* object);
+
+  // Guarded by the registry lock, as are the registrations noted in the objects themselves.
+  std::vector<pollfd> pollfds;
+  std::vector<iofile_t> iofiles;  // indexed by descriptor number
+  std::multiset<VrnTimer*, VrnPtrLess<VrnTimer>> timers;
+  std::map<int, VrnSignalHandler*> sighandlers;
+  Callback* callbacks = nullptr;
+  int waiting = 0;              // threads that wait for the end of a callback
+  bool pollfds_changed = true;  // since they were copied into `polled`
+
+  std::atomic<bool> dead{false};
+  std::atomic<bool> wake_sent{false};
+
+  // The dispatcher thread's own.
+  std::vector<pollfd> polled;     // what poll() works on while other threads may change pollfds
+  std::vector<unsigned> serials;  // of the registrations behind `polled`
+  VrnAIO* curaio = nullptr;       // the watcher that handleIO calls; compared, never dereferenced
+  bool throwtasks = false;
+  int timerprec = 1000;
+
+  const pthread_t owner;
+  bool running = false;  // guarded by mutex
+  VrnMutex mutex;
+  std::unique_ptr<AsyncRegistrar> registrar;
+};
+
+/// Carries the requests made on the dispatcher thread to the dispatcher's next turn. A request is
+/// written as a fixed-size record into a pipe whose read end the registrar watches itself; those
+/// that follow it before it is read wait in memory behind it, so no number of them can fill the
+/// pipe. After the pipe is closed, stops are kept until the loop has ended and starts are refused.
+class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
+ public:
+  /// The types of request; the numbers appear in messages.
+  enum RequestType {
+    StartAIO = 1,    ///< file, watcher
+    StopAIO,         ///< file, watcher
+    StartTimer,      ///< timer
+    StopTimer,       ///< timer
+    StopDispatcher,  ///< closes the write end of the pipe
+    StartSignal,     ///< handler, signal number
+    StopSignal       ///< handler, signal number, whether to ignore the signal
+  };
+
+  /// Throws VrnException 2 "EvtMgr: Failed to create %s pipe". `mgr` is not owned.
+  AsyncRegistrar(const char* name, VrnEvtMgrNative* mgr);
+  ~AsyncRegistrar() override;
+
+  void start();  ///< Watches the pipe; called by the dispatcher at the start of the loop.
+
+  /// Takes a request with `nargs` (0 to 3) arguments of 8 bytes each. Owner thread only. True: it
+  /// will be carried out. False: it was refused, because the loop is ending.
+  bool submit(int type, int nargs, ...);
+
+  void aioReady(VrnFile* file) override;
+  void aioCancelled(VrnFile* file, bool hangup, bool err) override;
+
+  /// Carries out one record of four 8-byte words: type and arguments. 0, or 1 when the type is
+  /// unknown.
+  int processRequest(void** record);
+
+  void cancel(bool err);     ///< Ends the watch of the pipe, and with it the loop.
+  void dispatcherStopped();  ///< Carries out the stops that were kept; refuses any more.
+
+  /// Voids the requests made so far that name `object`, or both `object` and `second`. Any thread.
+  void voidRequests(const void* object, const void* second = nullptr);
+
+ private:
+  struct Request {
+    std::array<void*, 4> words{};
+  };
+
+  bool is_void(const Request& request);
+  bool carry_out(Request request, const char* what, bool stops_only);
+  bool carry_out_backlog();
+  int process(std::unique_lock<std::mutex>* lock, void** record);
+  std::deque<Request> unread_requests();
+  void close_write_end();
+  bool write_record(const Request& request) const;
+
+  VrnEvtMgrNative* const mgr;
+  std::unique_ptr<VrnFile> rfile;
+
+  // The dispatcher thread's own: only it submits and carries out.
+  int wfd = -1;
+  bool in_pipe = false;  // a request is in the pipe, unread
+
+  // Guarded by the mutex of VrnAIO.
+  bool stopped = false;
+  std::deque<Request> backlog;  // requests behind the one in the pipe
+  std::deque<Request> queue;    // stops that came after the pipe was closed
+  // Requests are carried out in the order in which they were taken, so their numbers need not
+  // travel with them. An object's requests with a number below the one noted here are void.
+  std::uint64_t taken = 0;
+  std::uint64_t carried_out = 0;
+  std::map<std::pair<const void*, const void*>, std::uint64_t> voided;
+};
+
+}  // namespace vornfc

@@ -1,0 +1,240 @@
+#include "evtmgr_impl.h"
+#include "file_impl.h"
+#include "text.h"
+#include "vornfc/evtmgr_native.h"
+#include "vornfc/exception.h"
+#include "vornfc/utils.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+// The part of the native event manager that watches descriptors.
+namespace vornfc {
+
+namespace {
+
+void check_not_null(const VrnFile* file, const char* aio_tag) {
+  VrnAssertFull(file != nullptr, "EvtMgr: Null file for AIO=%s", aio_tag);
+}
+
+void check_not_null(const VrnAIO* aio, const VrnFile* file) {
+  VrnAssertFull(aio != nullptr, "EvtMgr: Null AIO for file=%s", file ? file->name() : "<NULL>");
+}
+
+}  // namespace
+
+bool VrnEvtMgrNative::startAIO(VrnFile* file, VrnAIO* aio) {
+  check_not_null(aio, file);
+  check_not_null(file, aio->tag.c_str());
+  VrnAssertFull(file->fd >= 0, "EvtMgr: File %s has no descriptor for AIO=%s", file->name(),
+                aio->tag.c_str());
+  if (!on_owner_thread()) return syncstartAIO(file, aio);
+  file->impl->requested = true;
+  aio->requested = true;
+  return registrar->submit(AsyncRegistrar::StartAIO, 2, file, aio);
+}
+
+bool VrnEvtMgrNative::stopAIO(VrnFile* file, VrnAIO* aio) {
+  check_not_null(aio, file);
+  check_not_null(file, aio->tag.c_str());
+  if (on_owner_thread()) {
+    if (file->impl) file->impl->requested = true;
+    aio->requested = true;
+    if (registrar->submit(AsyncRegistrar::StopAIO, 2, file, aio)) return false;
+  }
+  {
+    Lock lock(registry);
+    // A start from the dispatcher thread that is still on its way must not come after this.
+    if (aio->requested) registrar->voidRequests(file, aio);
+    stop_watch(&lock, file, aio, false, false, false);
+  }
+  // The library's own watchers hold their lock here, which the callback may want.
+  if (!aio->drop_file) let_callback_finish(aio);
+  return true;
+}
+
+bool VrnEvtMgrNative::syncstartAIO(VrnFile* file, VrnAIO* aio) {
+  {
+    const Lock lock(registry);
+    if (!start_watch(file, aio)) return false;
+  }
+  wake();
+  return true;
+}
+
+void VrnEvtMgrNative::syncstopAIO(VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err) {
+  Lock lock(registry);
+  stop_watch(&lock, file, aio, notify, hangup, err);
+}
+
+bool VrnEvtMgrNative::start_watch(VrnFile* file, VrnAIO* aio) {
+  if (dead) return false;
+  const auto fd = static_cast<size_t>(file->fd);
+  if (fd >= iofiles.size()) iofiles.resize(2 * fd);
+  iofile_t& record = iofiles[fd];
+  const size_t slot = slot_of(aio->input);
+  if (record.pidx != -1) {
+    const VrnAIO* const holder = record.aios[slot];
+    VrnAssertFull(
+        !holder && record.file == file,
+        "EvtMgr conflict: AIO on fd %s=%d (0x%x) with rank=%d mon=%s (0x%x), iofile fd is "
+        "%s=%d (0x%x) with mon=%s (0x%x), pidx=%d, pollfd=%d",
+        file->name(), file->fd, address32(file), static_cast<int>(slot), aio->tag.c_str(),
+        address32(aio), record.file->name(), record.file->fd, address32(record.file),
+        holder ? holder->tag.c_str() : "N", address32(holder), record.pidx,
+        pollfds[static_cast<size_t>(record.pidx)].fd);
+  } else {
+    file->setBlockingMode(false);  // first: it may throw
+    pollfds.push_back({file->fd, 0, 0});
+    record.pidx = static_cast<int>(pollfds.size()) - 1;
+    record.file = file;
+    ++record.serial;
+    file->impl->watched_fd = file->fd;
+  }
+  pollfd& entry = pollfds[static_cast<size_t>(record.pidx)];
+  entry.events = static_cast<short>(entry.events | mask_of(slot));
+  record.aios[slot] = aio;
+  ++aio->watches;
+  pollfds_changed = true;
+  return true;
+}
+
+void VrnEvtMgrNative::stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool notify, bool hangup,
+                                 bool err) {
+  if (!unregister(file, aio) || !notify) return;
+  const Callback callback(this, aio, file);
+  lock->unlock();
+  try {
+    aio->aioCancelled(file, hangup, err);
+  } catch (...) {
+    vrnlog(1, "EvtMgr: aioCancelled threw [%s]", VrnException::handler().c_str());
+  }
+}
+
+bool VrnEvtMgrNative::unregister(VrnFile* file, VrnAIO* aio) {
+  const auto fd = static_cast<size_t>(file->fd);  // -1 becomes the largest of all
+  if (fd >= iofiles.size()) return false;
+  iofile_t& record = iofiles[fd];
+  const size_t slot = slot_of(aio->input);
+  const VrnAIO* const holder = record.aios[slot];
+  if (record.pidx == -1 || !holder) return false;
+  VrnAssertFull(holder == aio, "EvtMgr: iomon=%s doesn't own fd-%d %s=%d - owner=%s",
+                aio->tag.c_str(), static_cast<int>(slot), file->name(), file->fd,
+                holder->tag.c_str());
+  clear_slot(&record, slot);
+  return true;
+}
+
+void VrnEvtMgrNative::unregister(const VrnAIO* aio) {
+  const size_t slot = slot_of(aio->input);
+  for (size_t i = pollfds.size(); i-- > 0 && aio->watches > 0;) {
+    iofile_t& record = iofiles[static_cast<size_t>(pollfds[i].fd)];
+    if (record.aios[slot] == aio) clear_slot(&record, slot);
+  }
+}
+
+void VrnEvtMgrNative::unregister(const VrnFile* file) {
+  if (file->impl->watched_fd == -1) return;
+  iofile_t& record = iofiles[static_cast<size_t>(file->impl->watched_fd)];
+  for (size_t slot = 0; slot < record.aios.size(); ++slot) {
+    if (record.aios[slot]) clear_slot(&record, slot);
+  }
+}
+
+void VrnEvtMgrNative::clear_slot(iofile_t* record, size_t slot) {
+  pollfd& entry = pollfds[static_cast<size_t>(record->pidx)];
+  entry.events = static_cast<short>(entry.events & ~mask_of(slot));
+  // The current turn must not call the watcher any more.
+  entry.revents = static_cast<short>(entry.revents & ~mask_of(slot));
+  --record->aios[slot]->watches;
+  record->aios[slot] = nullptr;
+  if (entry.events == 0) remove_entry(record);
+  pollfds_changed = true;
+}
+
+// The last entry takes the place of the one that goes.
+void VrnEvtMgrNative::remove_entry(iofile_t* record) {
+  const int position = record->pidx;
+  record->file->impl->watched_fd = -1;
+  record->file = nullptr;
+  record->pidx = -1;
+  const pollfd last = pollfds.back();
+  pollfds.pop_back();
+  if (static_cast<size_t>(position) == pollfds.size()) return;
+  pollfds[static_cast<size_t>(position)] = last;
+  iofiles[static_cast<size_t>(last.fd)].pidx = position;
+}
+
+// Reads an entry and its record again after a callback. False: the registration has ended.
+bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record) const {
+  const Lock lock(registry);
+  const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
+  if (current.pidx == -1 || current.serial != record->serial) return false;
+  *entry = pollfds[static_cast<size_t>(current.pidx)];
+  *record = current;
+  return true;
+}
+
+// Readable data comes before a hang-up that is reported with it; the hang-up is handled at a later
+// turn, when there is no data any more.
+void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
+  VrnAssertFull(entry && record, "EvtMgr: Null entry to handle");
+  if (entry->revents & POLLOUT) {
+    call_ready(entry->fd, record->serial, slot_of(false));
+    if (!refresh(entry, record)) return;
+  }
+  if (entry->revents & (POLLIN | POLLPRI)) {
+    call_ready(entry->fd, record->serial, slot_of(true));
+    return;
+  }
+  if ((entry->revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return;
+  const bool err = (entry->revents & (POLLERR | POLLNVAL)) != 0;
+  for (size_t slot = 0; slot < record->aios.size() && refresh(entry, record); ++slot) {
+    curaio = record->aios[slot];
+    if (curaio) syncstopAIO(record->file, curaio, true, true, err);
+  }
+}
+
+void VrnEvtMgrNative::call_ready(int fd, unsigned serial, size_t slot) {
+  Lock lock(registry);
+  const iofile_t& record = iofiles[static_cast<size_t>(fd)];
+  if (record.pidx == -1 || record.serial != serial || !record.aios[slot]) return;
+  VrnAIO* const aio = record.aios[slot];
+  VrnFile* const file = record.file;
+  curaio = aio;
+  const Callback callback(this, aio, file);
+  lock.unlock();
+  aio->aioReady(file);
+}
+
+void VrnEvtMgrNative::drop_listing(VrnFile* file, VrnAIO* aio) {
+  auto& listed_by = file->impl->listed_by;
+  const auto it = std::find(listed_by.begin(), listed_by.end(), aio);
+  if (it == listed_by.end()) return;
+  listed_by.erase(it);
+  aio->drop_file(aio, file);
+}
+
+// A watcher's callback threw: its descriptor is closed, here and not again by the file, and its
+// watch ends without a callback. The descriptor's other watcher is told of an error at once: the
+// number may be another file's before the next poll() would report it.
+void VrnEvtMgrNative::end_thrown_watch(int fd, unsigned serial) {
+  Lock lock(registry);
+  iofile_t& record = iofiles[static_cast<size_t>(fd)];
+  if (record.pidx == -1 || record.serial != serial) return;  // the callback itself ended it
+  const size_t slot = record.aios[0] == curaio ? 0 : 1;
+  if (record.aios[slot] != curaio) return;
+  VrnAIO* const thrower = record.aios[slot];
+  VrnAIO* const other = record.aios[1 - slot];
+  VrnFile* const file = record.file;
+  file->impl->owns = false;
+  close(fd);
+  clear_slot(&record, slot);
+  drop_listing(file, thrower);
+  const Callback callback(this, other, file);
+  lock.unlock();
+  if (other) syncstopAIO(file, other, true, true, true);
+}
+
+}  // namespace vornfc

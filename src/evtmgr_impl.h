@@ -1,0 +1,42 @@
+#pragma once
+// What the sources of the native event manager share.
+
+#include <poll.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+
+namespace vornfc {
+
+class VrnEvtMgrNative;
+
+// Guards every registration of the event manager, and which manager there is. It is not the
+// manager's own member: timers, watchers and files may end on another thread, or after the manager.
+// Order: a timer's lock, then this one, then the registrar's.
+extern std::mutex registry;
+extern VrnEvtMgrNative* native_manager;        // guarded by registry
+extern std::condition_variable callback_done;  // with registry: a callback has ended
+
+// Ends the wait of the loop by a record in the registrar's pipe. Any thread, signal handlers too.
+void send_wake() noexcept;
+void open_wake(int write_end);   // from now on send_wake() writes there
+void close_wake(int write_end);  // on return nobody is writing there
+
+// A record's slot for a watcher, and the events that the watcher is polled for.
+inline size_t slot_of(bool input) {
+  return input ? 0 : 1;
+}
+inline short mask_of(size_t slot) {
+  return slot == 0 ? POLLIN | POLLPRI : POLLOUT;
+}
+
+// The type of the record that only ends the wait; no request has it.
+constexpr int WakeRecord = -0x57414b45;
+constexpr int RecordSize = 32;
+
+// Signals that arrived and are not delivered yet.
+extern std::atomic<int> sig_ready;
+
+}  // namespace vornfc

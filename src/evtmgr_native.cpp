@@ -1,0 +1,460 @@
+#include "vornfc/evtmgr_native.h"
+
+#include "evtmgr_impl.h"
+#include "file_impl.h"
+#include "text.h"
+#include "timer_impl.h"
+#include "vornfc/exception.h"
+#include "vornfc/utils.h"
+
+#include <strings.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <iterator>
+#include <string>
+
+namespace vornfc {
+
+std::mutex registry;
+VrnEvtMgrNative* native_manager = nullptr;
+std::condition_variable callback_done;
+
+namespace {
+
+constexpr size_t InitialEntries = 128;
+// How long a stop from another thread waits for a running callback: one that itself waits for the
+// stopping thread must not hold it for ever.
+constexpr auto CallbackGrace = std::chrono::milliseconds(100);
+
+constexpr int MinTimerPrecision = 1000;  // microseconds per millisecond of poll()
+
+bool env_is_yes(const char* name) {
+  const char* const value = getenv(name);
+  return value && strcasecmp(value, "y") == 0;
+}
+
+int timer_precision() {
+  const char* const text = getenv("VORN_EM_TIMERPREC");
+  const long value = text ? strtol(text, nullptr, 10) : 0;
+  return static_cast<int>(std::clamp<long>(value, MinTimerPrecision, INT_MAX));
+}
+
+template <class Container>
+int count(const Container& container) {
+  return static_cast<int>(container.size());
+}
+
+}  // namespace
+
+// ---- construction ----
+
+VrnEvtMgrNative::VrnEvtMgrNative()
+    : throwtasks(env_is_yes("VORN_EM_THROWTASKS")),
+      timerprec(timer_precision()),
+      owner(pthread_self()),
+      mutex("EvtMgrNative", false) {
+  // VORN_EM_ARMODE can only turn on what is on.
+  vrnlog(4, "EvtMgr.ctor - this=0x%x, armode=%s, throwtasks=%s", address32(this), yes_no(true),
+         yes_no(throwtasks));
+  pollfds.reserve(InitialEntries);
+  iofiles.resize(pollfds.capacity());
+  registrar.reset(new AsyncRegistrar("ARhelper", this));
+  ImplFile::end_of_watched_file = [](VrnFile* file) { forget(file); };
+  const Lock lock(registry);
+  native_manager = this;
+}
+
+VrnEvtMgrNative::~VrnEvtMgrNative() {
+  vrnlog(4, "EvtMgr.dtor - this=0x%x", address32(this));
+  {
+    const Lock lock(registry);
+    native_manager = nullptr;
+    for (VrnTimer* timer : timers) timer->impl->queued = false;
+    while (!pollfds.empty()) unregister(iofiles[static_cast<size_t>(pollfds.back().fd)].file);
+  }
+  registrar.reset();
+}
+
+// ---- the loop ----
+
+void VrnEvtMgrNative::startDispatcher() {
+  {
+    VrnMutexGuard guard(&mutex);
+    VrnAssertFull(!running, "Dispatcher already running in thread %u",
+                  static_cast<unsigned>(owner));
+    running = true;
+  }
+  try {
+    dispatcher();
+  } catch (...) {
+    vrnlog(1, "EvtMgr: Error in dispatcher [%s]", VrnException::handler().c_str());
+  }
+  dispatcherStopped();
+}
+
+void VrnEvtMgrNative::stopDispatcher() {
+  vrnlog(4, "EvtMgr.stop");
+  if (on_owner_thread()) {
+    registrar->submit(AsyncRegistrar::StopDispatcher, 0);
+  } else {
+    syncstopDispatcher();
+    wake();
+  }
+}
+
+void VrnEvtMgrNative::syncstopDispatcher() {
+  dead = true;
+}
+
+// One turn: signals, timers, descriptors. Application code runs in every step and may change any
+// registration or stop the loop, so each step looks at the containers afresh.
+void VrnEvtMgrNative::dispatcher() {
+  {
+    const Sizes size = sizes();
+    vrnlog(4, "EvtMgr.dispatcher - tmrq=%d, pollfds=%d, deadflag=%d", size.timers, size.pollfds,
+           dead ? 1 : 0);
+  }
+  registrar->start();
+  if (dead) return;
+  for (;;) {
+    deliver_signals();
+    const int timeout = fire_due_timers();  // ms until the next one; -1: no timer left
+    if (dead) return;
+    if (timeout == -1 && nothing_watched()) {
+      vrnlog(4, "EvtMgr has run out of events - aborting");
+      return;
+    }
+    if (sig_ready) continue;  // arrived during the timers: deliver before sleeping
+    deliver_ready(wait_for_events(timeout));
+    if (dead) return;
+  }
+}
+
+// All that are due fire against the same time of day, and up to a precision unit early.
+int VrnEvtMgrNative::fire_due_timers() {
+  timeval now;
+  gettimeofday(&now, nullptr);
+  for (;;) {
+    Lock lock(registry);
+    if (timers.empty()) return -1;
+    VrnTimer* const timer = *timers.begin();
+    const int wait = timer->compare(&now) / timerprec;
+    if (wait > 0) return wait;
+    unqueue(timer);
+    const Callback callback(this, timer);
+    lock.unlock();
+    try {
+      timer->triggerTimer(&now);
+    } catch (...) {
+      if (throwtasks) throw;
+      vrnlog(1, "EvtMgr: Timer threw [%s]", VrnException::handler().c_str());
+    }
+  }
+}
+
+// Returns the number of descriptors in pollfds that have returned events. Other threads may change
+// pollfds during the wait, so poll() works on a copy.
+int VrnEvtMgrNative::wait_for_events(int timeout) {
+  {
+    const Lock lock(registry);
+    if (pollfds_changed) {
+      polled = pollfds;
+      serials.clear();
+      for (const pollfd& entry : polled) {
+        serials.push_back(iofiles[static_cast<size_t>(entry.fd)].serial);
+      }
+      pollfds_changed = false;
+    }
+  }
+  int ready = poll(polled.data(), polled.size(), timeout);
+  if (ready == -1) {
+    if (errno != EINTR) throw VrnException(2, "poll() on %d files failed", count(polled));
+    errno = 0;
+    return 0;
+  }
+  const Lock lock(registry);
+  if (!pollfds_changed) {
+    for (size_t i = 0; i < polled.size(); ++i) pollfds[i].revents = polled[i].revents;
+    return ready;
+  }
+  for (pollfd& entry : pollfds) entry.revents = 0;
+  for (size_t i = 0; i < polled.size(); ++i) {
+    if (polled[i].revents == 0) continue;
+    const iofile_t& record = iofiles[static_cast<size_t>(polled[i].fd)];
+    if (record.pidx == -1 || record.serial != serials[i]) {
+      --ready;  // an event of a watch that has ended
+      continue;
+    }
+    pollfd& entry = pollfds[static_cast<size_t>(record.pidx)];
+    const auto unasked = static_cast<short>(polled[i].events & ~entry.events);
+    entry.revents = static_cast<short>(polled[i].revents & ~unasked);
+  }
+  return ready;
+}
+
+// The walk goes by position, and reads the entry count again after every callback. An entry that a
+// callback moves into a position already passed waits for the next turn.
+void VrnEvtMgrNative::deliver_ready(int ready) {
+  for (size_t position = 0; ready > 0; ++position, --ready) {
+    pollfd entry;
+    iofile_t record;
+    {
+      const Lock lock(registry);
+      while (position < pollfds.size() && pollfds[position].revents == 0) ++position;
+      if (position >= pollfds.size()) return;
+      entry = pollfds[position];
+      record = iofiles[static_cast<size_t>(entry.fd)];
+    }
+    curaio = nullptr;
+    try {
+      handleIO(&entry, &record);
+    } catch (...) {
+      if (throwtasks || !curaio) throw;
+      vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
+      end_thrown_watch(entry.fd, record.serial);
+    }
+  }
+}
+
+void VrnEvtMgrNative::dispatcherStopped() {
+  Sizes size = sizes();
+  vrnlog(4,
+         "EvtMgr.dispatcherStopped: Enter with with dead=%s - tmrq=%d, pollfds=%d (cap=%d), "
+         "iofiles=%d (cap=%d)",
+         yes_no(dead), size.timers, size.pollfds, size.pollfds_capacity, size.iofiles,
+         size.iofiles_capacity);
+  {
+    VrnMutexGuard guard(&mutex);
+    running = false;
+  }
+  registrar->cancel(true);
+  registrar->dispatcherStopped();
+  size = sizes();
+  vrnlog(4, "EvtMgr: After dispatcher shutdown, tmrq=%d, pollfds=%d", size.timers, size.pollfds);
+  report_timers();
+  report_watchers();
+  report_signal_handlers();
+}
+
+// What remains is reported, neither cancelled nor freed. A timer's own lock comes before the
+// registry lock, so the timer is held in place as for a callback while it tells its expiry.
+void VrnEvtMgrNative::report_timers() {
+  Lock lock(registry);
+  auto it = timers.begin();
+  while (it != timers.end()) {
+    VrnTimer* const timer = *it;
+    {
+      const Callback hold(this, timer);
+      lock.unlock();
+      timeval left{};
+      const bool active = timer->getExpiry(&left, nullptr, false);
+      vrnlog(4, "- EvtMgr: timer=%s remains - %d millisecs%s", timer->tmrtag(),
+             static_cast<int>(left.tv_sec * 1000 + left.tv_usec / 1000),
+             active ? "" : " (inactive)");
+      lock.lock();
+      it = timer->impl->queued ? std::next(timer->impl->place) : timers.upper_bound(timer);
+      lock.unlock();
+    }
+    lock.lock();
+  }
+}
+
+void VrnEvtMgrNative::report_watchers() {
+  std::vector<std::string> lines;
+  {
+    const Lock lock(registry);
+    for (const pollfd& entry : pollfds) {
+      const iofile_t& record = iofiles[static_cast<size_t>(entry.fd)];
+      for (const VrnAIO* aio : record.aios) {
+        if (!aio) continue;
+        lines.push_back(std::string(aio->input ? "Receiver=" : "Writer=") + aio->tag +
+                        " remains - fd " + std::to_string(entry.fd) + "=" + record.file->name());
+      }
+    }
+  }
+  for (const std::string& line : lines) vrnlog(4, "- EvtMgr: %s", line.c_str());
+}
+
+void VrnEvtMgrNative::report_signal_handlers() {
+  std::string numbers;
+  int handlers;
+  {
+    const Lock lock(registry);
+    handlers = count(sighandlers);
+    for (const auto& [signo, handler] : sighandlers) {
+      numbers += (numbers.empty() ? "" : ", ") + std::to_string(signo);
+    }
+  }
+  if (handlers > 0) {
+    vrnlog(4, "EvtMgr: %d Signal Handlers - %s", handlers, numbers.c_str());
+  }
+}
+
+VrnEvtMgrNative::Sizes VrnEvtMgrNative::sizes() const {
+  const Lock lock(registry);
+  return {count(timers), count(pollfds), static_cast<int>(pollfds.capacity()), count(iofiles),
+          static_cast<int>(iofiles.capacity())};
+}
+
+bool VrnEvtMgrNative::nothing_watched() const {
+  const Lock lock(registry);
+  return pollfds.empty();
+}
+
+// A wake that was sent and not read yet ends the next wait too.
+void VrnEvtMgrNative::wake() {
+  if (!on_owner_thread() && !wake_sent.exchange(true)) send_wake();
+}
+
+// ---- timers ----
+
+bool VrnEvtMgrNative::startTimer(VrnTimer* timer) {
+  VrnAssertFull(timer != nullptr, "EvtMgr: Null timer to start");
+  if (!on_owner_thread()) return syncstartTimer(timer);
+  timer->impl->requested = true;
+  return registrar->submit(AsyncRegistrar::StartTimer, 1, timer);
+}
+
+bool VrnEvtMgrNative::stopTimer(VrnTimer* timer) {
+  VrnAssertFull(timer != nullptr, "EvtMgr: Null timer to stop");
+  if (on_owner_thread() && registrar->submit(AsyncRegistrar::StopTimer, 1, timer)) return false;
+  Lock lock(registry);
+  // A start from the dispatcher thread that is still on its way must not come after this.
+  if (timer->impl->requested) registrar->voidRequests(timer);
+  stop_timer(&lock, timer, false);
+  return true;
+}
+
+bool VrnEvtMgrNative::syncstartTimer(VrnTimer* timer) {
+  bool is_next;
+  {
+    const Lock lock(registry);
+    if (!queue_timer(timer)) return false;
+    is_next = timers.begin() == timer->impl->place;
+  }
+  if (is_next) wake();
+  return true;
+}
+
+void VrnEvtMgrNative::syncstopTimer(VrnTimer* timer, bool notify) {
+  Lock lock(registry);
+  stop_timer(&lock, timer, notify);
+}
+
+bool VrnEvtMgrNative::queue_timer(VrnTimer* timer) {
+  if (dead) return false;
+  unqueue(timer);
+  timer->impl->place = timers.insert(timer);  // behind those with an equal expiry
+  timer->impl->queued = true;
+  return true;
+}
+
+void VrnEvtMgrNative::stop_timer(Lock* lock, VrnTimer* timer, bool notify) {
+  unqueue(timer);
+  if (!notify) return;
+  const Callback callback(this, timer);
+  lock->unlock();
+  try {
+    timer->timerCancelled();
+  } catch (...) {
+    vrnlog(1, "EvtMgr: timerCancelled threw [%s]", VrnException::handler().c_str());
+  }
+}
+
+// By its place: the walk to one timer among many is left out.
+void VrnEvtMgrNative::unqueue(VrnTimer* timer) {
+  if (!timer->impl->queued) return;
+  timers.erase(timer->impl->place);
+  timer->impl->queued = false;
+}
+
+// ---- objects that end ----
+
+void VrnEvtMgrNative::forget(VrnTimer* timer) {
+  Lock lock(registry);
+  if (!native_manager) return;
+  if (timer->impl->requested) native_manager->registrar->voidRequests(timer);
+  native_manager->end_callbacks(&lock, timer);
+  native_manager->unqueue(timer);
+}
+
+void VrnEvtMgrNative::forget(VrnAIO* aio) {
+  Lock lock(registry);
+  if (!native_manager) return;
+  if (aio->requested) native_manager->registrar->voidRequests(aio);
+  native_manager->end_callbacks(&lock, aio);
+  native_manager->unregister(aio);
+}
+
+void VrnEvtMgrNative::forget(VrnFile* file) {
+  Lock lock(registry);
+  for (VrnAIO* aio : file->impl->listed_by) aio->drop_file(aio, file);
+  file->impl->listed_by.clear();
+  if (!native_manager) return;
+  if (file->impl->requested) native_manager->registrar->voidRequests(file);
+  native_manager->end_callbacks(&lock, file);
+  native_manager->unregister(file);
+}
+
+void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
+  Lock lock(registry);
+  if (!native_manager) return;
+  native_manager->registrar->voidRequests(handler);
+  native_manager->end_callbacks(&lock, handler);
+  auto& handlers = native_manager->sighandlers;
+  for (auto it = handlers.begin(); it != handlers.end();) {
+    it = it->second == handler ? handlers.erase(it) : std::next(it);
+  }
+}
+
+VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, const void* object,
+                                    const void* second)
+    : mgr(manager), objects{object, second}, outer(manager->callbacks) {
+  mgr->callbacks = this;
+}
+
+VrnEvtMgrNative::Callback::~Callback() {
+  const Lock lock(registry);
+  mgr->callbacks = outer;
+  if (mgr->waiting > 0) callback_done.notify_all();
+}
+
+bool VrnEvtMgrNative::in_callback(const void* object) const {
+  for (const Callback* callback = callbacks; callback; callback = callback->outer) {
+    if (callback->objects[0] == object || callback->objects[1] == object) return true;
+  }
+  return false;
+}
+
+// The dispatcher thread may end an object inside the object's own callback. Another thread waits:
+// a callback of an object that is gone could not be taken back.
+void VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
+  if (on_owner_thread()) {
+    for (Callback* callback = callbacks; callback; callback = callback->outer) {
+      for (const void*& held : callback->objects) {
+        if (held == object) held = nullptr;
+      }
+    }
+    return;
+  }
+  ++waiting;
+  callback_done.wait(*lock, [&] { return !in_callback(object); });
+  --waiting;
+}
+
+void VrnEvtMgrNative::let_callback_finish(const void* object) {
+  Lock lock(registry);
+  VrnEvtMgrNative* const mgr = native_manager;
+  if (!mgr || mgr->on_owner_thread()) return;
+  ++mgr->waiting;
+  callback_done.wait_for(lock, CallbackGrace, [&] { return !mgr->in_callback(object); });
+  --mgr->waiting;
+}
+
+}  // namespace vornfc

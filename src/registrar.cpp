@@ -1,0 +1,288 @@
+#include "evtmgr_impl.h"
+#include "text.h"
+#include "vornfc/evtmgr_native.h"
+#include "vornfc/exception.h"
+#include "vornfc/utils.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+
+namespace vornfc {
+
+namespace {
+
+// Those that are refused, not kept, once the loop is ending.
+bool is_start(int type) {
+  return type == AsyncRegistrar::StartAIO || type == AsyncRegistrar::StartTimer ||
+         type == AsyncRegistrar::StopDispatcher || type == AsyncRegistrar::StartSignal;
+}
+
+void* type_word(int type) {
+  return reinterpret_cast<void*>(static_cast<std::intptr_t>(type));
+}
+
+int int_word(const void* word) {
+  return static_cast<int>(reinterpret_cast<std::intptr_t>(word));
+}
+
+void close_on_exec(int fd) {
+  fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
+}
+
+constexpr int MaxWakes = 16;  // read in one turn
+
+// The write end that send_wake() uses, -1: none; and how many threads are writing to it. A signal
+// handler can take no lock, so the closer waits for the count instead.
+std::atomic<int> wake_fd{-1};
+std::atomic<int> wakers{0};
+static_assert(std::atomic<int>::is_always_lock_free, "used by a signal handler");
+
+}  // namespace
+
+void send_wake() noexcept {
+  static void* const record[4] = {type_word(WakeRecord), nullptr, nullptr, nullptr};
+  static_assert(sizeof record == RecordSize, "the record's layout");
+  ++wakers;
+  const int fd = wake_fd;
+  // A full pipe is as good as a record of ours: the loop does not sleep over it.
+  if (fd != -1) (void)!write(fd, record, RecordSize);
+  --wakers;
+}
+
+void open_wake(int write_end) {
+  int none = -1;
+  wake_fd.compare_exchange_strong(none, write_end);
+}
+
+void close_wake(int write_end) {
+  int expected = write_end;
+  if (!wake_fd.compare_exchange_strong(expected, -1)) return;
+  while (wakers != 0) sched_yield();
+}
+
+AsyncRegistrar::AsyncRegistrar(const char* name, VrnEvtMgrNative* manager)
+    : VrnAIO(true, name), mgr(manager), rfile(new VrnFile) {
+  static_assert(sizeof(Request) == RecordSize, "the record's layout");
+  int ends[2];
+  if (pipe(ends) == -1) throw VrnException(2, "EvtMgr: Failed to create %s pipe", name);
+  try {
+    rfile->assign(ends[0], name, true);
+    rfile->setBlockingMode(false);
+  } catch (...) {
+    if (rfile->fd == -1) close(ends[0]);
+    close(ends[1]);
+    throw;
+  }
+  wfd = ends[1];
+  close_on_exec(ends[0]);
+  close_on_exec(wfd);
+  fcntl(wfd, F_SETFL, O_NONBLOCK);  // the thread that writes is the one that has to read
+  open_wake(wfd);
+}
+
+AsyncRegistrar::~AsyncRegistrar() {
+  vrnlog(4, "AsyncRegistrar.dtor: Enter with unreg_reqs=%d, stopped=%s",
+         static_cast<int>(queue.size()), yes_no(stopped));
+  close_write_end();
+}
+
+void AsyncRegistrar::start() {
+  mgr->syncstartAIO(rfile.get(), this);
+}
+
+bool AsyncRegistrar::submit(int type, int nargs, ...) {
+  VrnAssertFull(nargs >= 0 && nargs <= 3, "AsyncRegistrar: Bad number of arguments (%d)", nargs);
+  Request request;
+  request.words[0] = type_word(type);
+  va_list args;
+  va_start(args, nargs);
+  for (int i = 1; i <= nargs; ++i) request.words[static_cast<size_t>(i)] = va_arg(args, void*);
+  va_end(args);
+
+  VrnMutexGuard guard(mutex.get());
+  if (wfd != -1) {
+    // One record in the pipe ends the wait of the loop; those behind it cost no system call. A full
+    // pipe ends the wait as well.
+    if (in_pipe || !backlog.empty()) {
+      backlog.push_back(request);
+    } else {
+      in_pipe = write_record(request);
+      if (!in_pipe && errno == EAGAIN) backlog.push_back(request);
+    }
+    if (in_pipe || !backlog.empty()) {
+      ++taken;
+      return true;
+    }
+  }
+  if (is_start(type) || stopped) return false;
+  queue.push_back(request);
+  ++taken;
+  return true;
+}
+
+bool AsyncRegistrar::write_record(const Request& request) const {
+  ssize_t written;
+  do {
+    written = write(wfd, request.words.data(), RecordSize);
+  } while (written == -1 && errno == EINTR);
+  return written == RecordSize;
+}
+
+// Requests in the pipe are older than those in the backlog. Both may grow while they are carried
+// out: stops are confirmed by callbacks, which may make requests.
+void AsyncRegistrar::aioReady(VrnFile*) {
+  for (int wakes = 0;;) {
+    Request request;
+    bool eof = false;
+    const int got = VrnFile::bread(rfile->fd, request.words.data(), RecordSize, true, 0, &eof);
+    if (got == RecordSize) {
+      if (int_word(request.words[0]) != WakeRecord) {
+        in_pipe = false;
+        if (!carry_out(request, "submitted", false)) return cancel(true);
+        continue;
+      }
+      mgr->wake_sent = false;
+      // Threads that wake the loop again and again must not keep it from its next turn.
+      if (++wakes < MaxWakes || in_pipe) continue;
+    }
+    if (!carry_out_backlog()) return cancel(true);
+    if (got == -1 || eof) return cancel(got == -1);
+    if (in_pipe) continue;
+    // A process forked by the application may hold a copy of the write end, so after request 5 a
+    // drained pipe counts as ended.
+    if (wfd == -1) cancel(false);
+    return;
+  }
+}
+
+bool AsyncRegistrar::carry_out_backlog() {
+  for (;;) {
+    Request request;
+    {
+      VrnMutexGuard guard(mutex.get());
+      if (backlog.empty()) return true;
+      request = backlog.front();
+      backlog.pop_front();
+    }
+    if (!carry_out(request, "submitted", false)) return false;
+  }
+}
+
+// False when the request's type is unknown. The look at `voided` and what the request does to the
+// registrations are one step under the registry lock: no object can end in between.
+bool AsyncRegistrar::carry_out(Request request, const char* what, bool stops_only) {
+  std::unique_lock<std::mutex> lock(registry);
+  if (is_void(request) || (stops_only && is_start(int_word(request.words[0])))) return true;
+  try {
+    return process(&lock, request.words.data()) == 0;
+  } catch (...) {
+    if (lock.owns_lock()) lock.unlock();
+    vrnlog(1, "AsyncRegistrar: %s request threw [%s]", what, VrnException::handler().c_str());
+    return true;
+  }
+}
+
+// Counts the request as it is taken out.
+bool AsyncRegistrar::is_void(const Request& request) {
+  VrnMutexGuard guard(mutex.get());
+  const std::uint64_t number = carried_out++;
+  if (voided.empty()) return false;
+  const auto voids = [&](const void* object, const void* second) {
+    const auto it = voided.find({object, second});
+    return it != voided.end() && number < it->second;
+  };
+  const int type = int_word(request.words[0]);
+  const void* const first = request.words[1];
+  const void* const aio = type == StartAIO || type == StopAIO ? request.words[2] : nullptr;
+  const bool result = voids(first, nullptr) || (aio && (voids(aio, nullptr) || voids(first, aio)));
+  if (carried_out >= taken) voided.clear();
+  return result;
+}
+
+void AsyncRegistrar::voidRequests(const void* object, const void* second) {
+  VrnMutexGuard guard(mutex.get());
+  if (carried_out < taken) voided[{object, second}] = taken;
+}
+
+int AsyncRegistrar::processRequest(void** record) {
+  std::unique_lock<std::mutex> lock(registry);
+  return process(&lock, record);
+}
+
+int AsyncRegistrar::process(std::unique_lock<std::mutex>* lock, void** record) {
+  const int type = int_word(record[0]);
+  const auto file = static_cast<VrnFile*>(record[1]);
+  const auto aio = static_cast<VrnAIO*>(record[2]);
+  const auto timer = static_cast<VrnTimer*>(record[1]);
+  const auto handler = static_cast<VrnSignalHandler*>(record[1]);
+  const int signo = int_word(record[2]);
+  const bool ignore = record[3] != nullptr;
+  switch (type) {
+    case StartAIO: mgr->start_watch(file, aio); break;
+    case StopAIO: mgr->stop_watch(lock, file, aio, true, false, false); break;
+    case StartTimer: mgr->queue_timer(timer); break;
+    case StopTimer: mgr->stop_timer(lock, timer, true); break;
+    case StopDispatcher: close_write_end(); break;
+    case StartSignal: mgr->change_signal(lock, true, false, handler, signo, false); break;
+    case StopSignal: mgr->change_signal(lock, false, handler, handler, signo, ignore); break;
+    default:
+      lock->unlock();
+      vrnlog(1, "AsyncRegistrar: Invalid request-type (%d)", type);
+      return 1;
+  }
+  return 0;
+}
+
+void AsyncRegistrar::cancel(bool err) {
+  mgr->syncstopAIO(rfile.get(), this, true, !err, err);
+}
+
+void AsyncRegistrar::aioCancelled(VrnFile*, bool hangup, bool err) {
+  vrnlog(!err && wfd != -1 ? 1 : 4, "AsyncRegistrar: Cancelled - hangup=%s, err=%s", yes_no(hangup),
+         yes_no(err));
+  close_write_end();
+  mgr->syncstopDispatcher();
+}
+
+void AsyncRegistrar::close_write_end() {
+  VrnMutexGuard guard(mutex.get());
+  if (wfd == -1) return;
+  close_wake(wfd);
+  close(wfd);
+  wfd = -1;
+}
+
+void AsyncRegistrar::dispatcherStopped() {
+  vrnlog(4, "AsyncRegistrar.dispatcherStopped: Enter with unreg_reqs=%d",
+         static_cast<int>(queue.size()));
+  close_write_end();  // a loop that was stopped before it began never watched the pipe
+  std::deque<Request> rest = unread_requests();
+  {
+    VrnMutexGuard guard(mutex.get());
+    stopped = true;
+    rest.insert(rest.end(), backlog.begin(), backlog.end());
+    rest.insert(rest.end(), queue.begin(), queue.end());
+    backlog.clear();
+    queue.clear();
+  }
+  // The loop may also have ended, by another thread or a failure, over requests that it had not
+  // read: their stops are confirmed like those that came later.
+  for (const Request& request : rest) carry_out(request, "queued", true);
+}
+
+std::deque<AsyncRegistrar::Request> AsyncRegistrar::unread_requests() {
+  std::deque<Request> unread;
+  Request request;
+  bool eof = false;
+  while (VrnFile::bread(rfile->fd, request.words.data(), RecordSize, true, 0, &eof) == RecordSize) {
+    if (int_word(request.words[0]) != WakeRecord) unread.push_back(request);
+  }
+  return unread;
+}
+
+}  // namespace vornfc

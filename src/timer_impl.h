@@ -1,0 +1,46 @@
+#pragma once
+// The state behind a VrnTimer, shared with the event manager that queues it.
+
+#include "vornfc/mutex.h"
+#include "vornfc/timer.h"
+
+#include <sys/time.h>
+
+#include <atomic>
+#include <set>
+#include <string>
+
+namespace vornfc {
+
+// Guarded by `mutex`, but for what is the event manager's; the helpers expect it held.
+struct ImplTimer {
+  //              start                stop                        fires     timerCancelled
+  //  Idle        Queued               (idle)                      -         throws
+  //  Queued      stop, then start     Idle, or Stopping when the  Idle, or  throws
+  //                                   dispatcher has to do it     Queued
+  //  Stopping    Restart              -                           -         Idle, timerStopped()
+  //  Restart     newer pending times  Stopping                    -         Queued
+  enum State { Idle = 1, Queued, Stopping, Restart };  // the numbers appear in messages
+
+  ImplTimer(VrnTimer* timer, const char* name);
+
+  void start(const timeval& when, const timeval& every);
+  bool stop();  // true: idle now
+
+  VrnTimer* const owner;
+  State state = Idle;
+  timeval expiry{};    // unchanged while the event manager has the timer queued
+  timeval interval{};  // all zero: does not repeat
+  timeval pending_expiry{};
+  timeval pending_interval{};
+  std::string tag;
+  mutable VrnMutex mutex;
+
+  // The event manager's, guarded by its registry lock.
+  bool queued = false;
+  std::multiset<VrnTimer*, VrnPtrLess<VrnTimer>>::iterator place;  // in its queue, while queued
+
+  std::atomic<bool> requested{false};  // a queued request has named the timer
+};
+
+}  // namespace vornfc
