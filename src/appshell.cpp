@@ -44,7 +44,8 @@ VrnAppShell::VrnAppShell(VrnLogSpec* logSpec, const char* projectName, const cha
   VrnAssertFull(projectName || appDescription,
                 "AppShell: project-name and app-description both null");
   singleton = this;
-  impl.reset(new ImplAppShell(this, logSpec, projectName, suffix, appDescription, lateEvtMgr));
+  impl = std::make_unique<ImplAppShell>(this, logSpec, projectName, suffix, appDescription,
+                                        lateEvtMgr);
   vrnlog(4, "AppShell.ctor - this=0x%x, pimpl=0x%x, prognam=%s [%s]", address32(this),
          address32(impl.get()), gnl_prognam ? gnl_prognam : "<NULL>", impl->title.c_str());
 }
@@ -52,7 +53,7 @@ VrnAppShell::VrnAppShell(VrnLogSpec* logSpec, const char* projectName, const cha
 VrnAppShell::~VrnAppShell() {
   // Released only afterwards: what is logged while it goes down still finds the logger.
   delete impl.get();
-  impl.release();
+  static_cast<void>(impl.release());
   singleton = nullptr;
 }
 

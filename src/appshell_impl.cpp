@@ -2,6 +2,7 @@
 
 #include "text.h"
 #include "vornfc/appshell.h"
+#include "vornfc/evtmgr_native.h"
 #include "vornfc/exception.h"
 #include "vornfc/utils.h"
 
@@ -56,8 +57,7 @@ ImplAppShell::~ImplAppShell() {
   config = nullptr;
   configs.clear();
   pending_spec.reset();
-  if (logger_alive) delete logger;
-  logger_alive = false;
+  delete_logger();
 }
 
 int ImplAppShell::start(int argc, const char* const* argv) noexcept {
@@ -75,6 +75,8 @@ int ImplAppShell::start(int argc, const char* const* argv) noexcept {
     vrnlog(1, "AppShell.start: %s", text.c_str());
     result = 1;
   }
+  // Without a run, timers and watchers that were started could not be stopped any more.
+  if (const auto evtmgr = dynamic_cast<VrnEvtMgrNative*>(VrnEvtMgr::instance(1))) evtmgr->abandon();
   shutdown();
   return result;
 }
@@ -91,10 +93,12 @@ void ImplAppShell::unsafe_start(int argc, const char* const* argv) {
   if (gnl_init(&ctrl) != 0) throw VrnException(10, "Initialisation failed [%s]", gnl_usrmsg);
   errno = 0;
   if (owner->appInit() != 0) terminate();
-  VrnAppShell::evtmgr = VrnEvtMgr::instance(0);
-  VrnAssertFull(VrnAppShell::evtmgr != nullptr, "AppShell: No Event Manager !");
-  // A late event manager has not heard of a stop that was asked for before it existed.
-  if (late_evtmgr && stop_requested) VrnAppShell::evtmgr->stopDispatcher();
+  VrnEvtMgr* const evtmgr = VrnEvtMgr::instance(0);
+  VrnAssertFull(evtmgr != nullptr, "AppShell: No Event Manager !");
+  // Not written again when it is set: threads of the application may be reading it.
+  if (VrnAppShell::evtmgr != evtmgr) VrnAppShell::evtmgr = evtmgr;
+  // It has not heard of a stop that was asked for before it existed.
+  if (stop_requested && !stop_delivered) evtmgr->stopDispatcher();
   if (daemon_requested) daemonise(workdir.c_str());
   vrnlog(4, "AppShell.start - %s entering appRun()", title.c_str());
   owner->appRun();
@@ -170,7 +174,7 @@ int ImplAppShell::parse_arg(int isSwitch, int opt, const char* arg) {
 // An earlier manager stays alive: the application may have attached observers to it.
 void ImplAppShell::adopt_config(std::unique_ptr<VrnConfig> content, const std::string& group) {
   configs.push_back(std::make_unique<VrnConfigMgr>(content.get(), group));
-  content.release();
+  static_cast<void>(content.release());
   config = configs.back().get();
 }
 
@@ -182,13 +186,14 @@ void ImplAppShell::configure() {
   set_logger(&spec);
 }
 
+void ImplAppShell::delete_logger() {
+  if (logger_alive.exchange(false)) delete logger;
+}
+
 // The old logger goes first: both may have the same file. When the new one cannot be made, the old
 // address stays, as a mark, and log lines go to standard error.
 void ImplAppShell::set_logger(VrnLogSpec* spec) {
-  if (logger_alive) {
-    logger_alive = false;
-    delete logger;
-  }
+  delete_logger();
   logger = spec ? spec->synthesise() : VrnLog::defaultCreate();
   logger_alive = true;
 }
@@ -215,10 +220,13 @@ void ImplAppShell::run() {
 }
 
 void ImplAppShell::terminate() {
-  vrnlog(4, "AppShell.terminate: stopflag=%s [%s]", yes_no(stop_requested), title.c_str());
+  // The flag comes first: whoever creates the event manager after our look-up finds it set.
+  const bool previous = stop_requested.exchange(true);
+  vrnlog(4, "AppShell.terminate: stopflag=%s [%s]", yes_no(previous), title.c_str());
   VrnEvtMgr* const evtmgr = VrnEvtMgr::instance(1);
-  stop_requested = true;
-  if (evtmgr) evtmgr->stopDispatcher();
+  if (!evtmgr) return;
+  stop_delivered = true;
+  evtmgr->stopDispatcher();
 }
 
 void ImplAppShell::shutdown() noexcept {

@@ -36,6 +36,7 @@ struct ImplAppShell : VrnSignalHandler {
   bool wants_own_logger() const { return !logger_group.empty() || !logger_tag.empty(); }
 
   void set_logger(VrnLogSpec* spec);
+  void delete_logger();
   void reconfigure();
 
   void signalReceived(int signo) override;
@@ -43,12 +44,14 @@ struct ImplAppShell : VrnSignalHandler {
   const char* sigtag() const override { return "AppShell"; }
 
   VrnAppShell* const owner;
-  VrnLog* logger = nullptr;   // owned while logger_alive
-  bool logger_alive = false;  // false although `logger` is set: it could not be replaced
+  VrnLog* logger = nullptr;  // owned while logger_alive
+  std::atomic<bool> logger_alive{
+      false};  // false although `logger` is set: it could not be replaced
   std::unique_ptr<VrnLogSpec> pending_spec;
   VrnConfigMgr* config = nullptr;
   std::vector<std::unique_ptr<VrnConfigMgr>> configs;  // `config` and those that -C replaced
   std::atomic<bool> stop_requested{false};
+  std::atomic<bool> stop_delivered{false};  // an event manager was there to be stopped
   const bool late_evtmgr;
   std::string title;
   int params[2] = {0, 0};

@@ -29,9 +29,12 @@ struct ImplAsyRcv {
     return static_cast<int>(files.size());
   }
 
-  void insert(VrnFile* file) {
+  // False: it was in the list.
+  bool insert(VrnFile* file) {
     const std::lock_guard<std::mutex> guard(registry);
-    if (files.insert(file).second) ImplFile::of(file).listed_by.push_back(owner);
+    if (!files.insert(file).second) return false;
+    if (ImplFile* const listed = ImplFile::of(file)) listed->listed_by.push_back(owner);
+    return true;
   }
 
   void erase(VrnFile* file) {
@@ -46,8 +49,10 @@ struct ImplAsyRcv {
   }
 
   void unlist(VrnFile* file) const {
-    auto& listed_by = ImplFile::of(file).listed_by;
-    listed_by.erase(std::find(listed_by.begin(), listed_by.end(), owner));
+    ImplFile* const listed = ImplFile::of(file);
+    if (!listed) return;
+    auto& by = listed->listed_by;
+    by.erase(std::remove(by.begin(), by.end(), owner), by.end());
   }
 
   // The first file behind `file` by address; null: none.
@@ -57,13 +62,33 @@ struct ImplAsyRcv {
     return it == files.end() ? nullptr : *it;
   }
 
+  // The file is held during the stop: on the dispatcher thread a hang-up may be ending it.
   bool stop(VrnFile* file) {
-    if (!contains(file)) return true;
-    // With its event manager gone there is nothing left to stop.
-    VrnEvtMgr* const evtmgr = VrnAppShell::evtmgr;
-    const bool stopped = !evtmgr || evtmgr->stopAIO(file, owner);
-    if (stopped) erase(file);
+    if (!hold(file)) return true;
+    bool stopped = true;
+    try {
+      // With its event manager gone there is nothing left to stop.
+      if (VrnEvtMgr* const evtmgr = VrnAppShell::evtmgr) stopped = evtmgr->stopAIO(file, owner);
+    } catch (...) {
+      release(file, false);
+      throw;
+    }
+    release(file, stopped);
     return stopped;
+  }
+
+  bool hold(VrnFile* file) {
+    const std::lock_guard<std::mutex> guard(registry);
+    if (files.count(file) == 0) return false;
+    if (ImplFile* const held = ImplFile::of(file)) ++held->stopping;
+    return true;
+  }
+
+  void release(VrnFile* file, bool stopped) {
+    const std::lock_guard<std::mutex> guard(registry);
+    if (ImplFile* const held = ImplFile::of(file)) --held->stopping;
+    if (stopped && files.erase(file) != 0) unlist(file);
+    notify_waiting();
   }
 
   VrnAsyncReceiver* const owner;
@@ -106,8 +131,16 @@ void VrnAsyncReceiver::drop(VrnAIO* self, VrnFile* file) {
 
 void VrnAsyncReceiver::aioStart(VrnFile* file, bool locked) {
   VrnMutexGuard guard(locked ? nullptr : mutex.get());
-  event_manager_for("VrnAsyncRcvr", tag.c_str())->startAIO(file, this);
-  impl->insert(file);
+  VrnEvtMgr* const evtmgr = event_manager_for("VrnAsyncRcvr", tag.c_str());
+  if (!file) throw VrnException(3, "VrnAsyncRcvr: Null file for %s", tag.c_str());
+  // Listed first: once it is watched, the dispatcher may already be dropping it.
+  const bool is_new = impl->insert(file);
+  try {
+    evtmgr->startAIO(file, this);
+  } catch (...) {
+    if (is_new) impl->erase(file);
+    throw;
+  }
 }
 
 bool VrnAsyncReceiver::aioStop(VrnFile* file, bool locked) {

@@ -12,21 +12,13 @@
 // The part of the native event manager that watches descriptors.
 namespace vornfc {
 
-namespace {
-
-void check_not_null(const VrnFile* file, const char* aio_tag) {
-  VrnAssertFull(file != nullptr, "EvtMgr: Null file for AIO=%s", aio_tag);
+void VrnEvtMgrNative::check_watch(const VrnFile* file, const VrnAIO* aio) {
+  if (!aio) throw VrnException(3, "EvtMgr: Null AIO for file=%s", file ? file->name() : "<NULL>");
+  if (!file) throw VrnException(3, "EvtMgr: Null file for AIO=%s", aio->tag.c_str());
 }
-
-void check_not_null(const VrnAIO* aio, const VrnFile* file) {
-  VrnAssertFull(aio != nullptr, "EvtMgr: Null AIO for file=%s", file ? file->name() : "<NULL>");
-}
-
-}  // namespace
 
 bool VrnEvtMgrNative::startAIO(VrnFile* file, VrnAIO* aio) {
-  check_not_null(aio, file);
-  check_not_null(file, aio->tag.c_str());
+  check_watch(file, aio);
   VrnAssertFull(file->fd >= 0, "EvtMgr: File %s has no descriptor for AIO=%s", file->name(),
                 aio->tag.c_str());
   if (!on_owner_thread()) return syncstartAIO(file, aio);
@@ -36,10 +28,10 @@ bool VrnEvtMgrNative::startAIO(VrnFile* file, VrnAIO* aio) {
 }
 
 bool VrnEvtMgrNative::stopAIO(VrnFile* file, VrnAIO* aio) {
-  check_not_null(aio, file);
-  check_not_null(file, aio->tag.c_str());
+  check_watch(file, aio);
+  if (!file->impl) return true;  // never assigned, so never watched
   if (on_owner_thread()) {
-    if (file->impl) file->impl->requested = true;
+    file->impl->requested = true;
     aio->requested = true;
     if (registrar->submit(AsyncRegistrar::StopAIO, 2, file, aio)) return false;
   }
@@ -47,7 +39,8 @@ bool VrnEvtMgrNative::stopAIO(VrnFile* file, VrnAIO* aio) {
     Lock lock(registry);
     // A start from the dispatcher thread that is still on its way must not come after this.
     if (aio->requested) registrar->voidRequests(file, aio);
-    stop_watch(&lock, file, aio, false, false, false);
+    // A poll() that goes on would keep the descriptor open although its owner closes it.
+    if (stop_watch(&lock, file, aio, false, false, false)) wake();
   }
   // The library's own watchers hold their lock here, which the callback may want.
   if (!aio->drop_file) let_callback_finish(aio);
@@ -65,11 +58,14 @@ bool VrnEvtMgrNative::syncstartAIO(VrnFile* file, VrnAIO* aio) {
 
 void VrnEvtMgrNative::syncstopAIO(VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err) {
   Lock lock(registry);
-  stop_watch(&lock, file, aio, notify, hangup, err);
+  if (stop_watch(&lock, file, aio, notify, hangup, err)) wake();
 }
 
 bool VrnEvtMgrNative::start_watch(VrnFile* file, VrnAIO* aio) {
+  check_watch(file, aio);
   if (dead) return false;
+  VrnAssertFull(file->fd >= 0, "EvtMgr: File %s has no descriptor for AIO=%s", file->name(),
+                aio->tag.c_str());
   const auto fd = static_cast<size_t>(file->fd);
   if (fd >= iofiles.size()) iofiles.resize(2 * fd);
   iofile_t& record = iofiles[fd];
@@ -100,9 +96,17 @@ bool VrnEvtMgrNative::start_watch(VrnFile* file, VrnAIO* aio) {
   return true;
 }
 
-void VrnEvtMgrNative::stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool notify, bool hangup,
+// True: there was a watch to stop.
+bool VrnEvtMgrNative::stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool notify, bool hangup,
                                  bool err) {
-  if (!unregister(file, aio) || !notify) return;
+  check_watch(file, aio);
+  if (!unregister(file, aio)) return false;
+  if (notify) tell_cancelled(lock, file, aio, hangup, err);
+  return true;
+}
+
+void VrnEvtMgrNative::tell_cancelled(Lock* lock, VrnFile* file, VrnAIO* aio, bool hangup,
+                                     bool err) {
   const Callback callback(this, aio, file);
   lock->unlock();
   try {
@@ -114,7 +118,7 @@ void VrnEvtMgrNative::stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool no
 
 bool VrnEvtMgrNative::unregister(VrnFile* file, VrnAIO* aio) {
   const auto fd = static_cast<size_t>(file->fd);  // -1 becomes the largest of all
-  if (fd >= iofiles.size()) return false;
+  if (fd >= iofiles.size() || file->impl->closed) return false;
   iofile_t& record = iofiles[fd];
   const size_t slot = slot_of(aio->input);
   const VrnAIO* const holder = record.aios[slot];
@@ -126,20 +130,23 @@ bool VrnEvtMgrNative::unregister(VrnFile* file, VrnAIO* aio) {
   return true;
 }
 
-void VrnEvtMgrNative::unregister(const VrnAIO* aio) {
+bool VrnEvtMgrNative::unregister(const VrnAIO* aio) {
+  if (aio->watches == 0) return false;
   const size_t slot = slot_of(aio->input);
   for (size_t i = pollfds.size(); i-- > 0 && aio->watches > 0;) {
     iofile_t& record = iofiles[static_cast<size_t>(pollfds[i].fd)];
     if (record.aios[slot] == aio) clear_slot(&record, slot);
   }
+  return true;
 }
 
-void VrnEvtMgrNative::unregister(const VrnFile* file) {
-  if (file->impl->watched_fd == -1) return;
+bool VrnEvtMgrNative::unregister(const VrnFile* file) {
+  if (file->impl->watched_fd == -1) return false;
   iofile_t& record = iofiles[static_cast<size_t>(file->impl->watched_fd)];
   for (size_t slot = 0; slot < record.aios.size(); ++slot) {
     if (record.aios[slot]) clear_slot(&record, slot);
   }
+  return true;
 }
 
 void VrnEvtMgrNative::clear_slot(iofile_t* record, size_t slot) {
@@ -179,7 +186,7 @@ bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record) const {
 // Readable data comes before a hang-up that is reported with it; the hang-up is handled at a later
 // turn, when there is no data any more.
 void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
-  VrnAssertFull(entry && record, "EvtMgr: Null entry to handle");
+  if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
   if (entry->revents & POLLOUT) {
     call_ready(entry->fd, record->serial, slot_of(false));
     if (!refresh(entry, record)) return;
@@ -190,9 +197,12 @@ void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
   }
   if ((entry->revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return;
   const bool err = (entry->revents & (POLLERR | POLLNVAL)) != 0;
-  for (size_t slot = 0; slot < record->aios.size() && refresh(entry, record); ++slot) {
-    curaio = record->aios[slot];
-    if (curaio) syncstopAIO(record->file, curaio, true, true, err);
+  for (size_t slot = 0; slot < record->aios.size(); ++slot) {
+    Lock lock(registry);
+    const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
+    if (current.pidx == -1 || current.serial != record->serial) return;
+    curaio = current.aios[slot];
+    if (curaio) stop_watch(&lock, current.file, curaio, true, true, err);
   }
 }
 
@@ -228,13 +238,13 @@ void VrnEvtMgrNative::end_thrown_watch(int fd, unsigned serial) {
   VrnAIO* const thrower = record.aios[slot];
   VrnAIO* const other = record.aios[1 - slot];
   VrnFile* const file = record.file;
-  file->impl->owns = false;
-  close(fd);
   clear_slot(&record, slot);
+  if (other) clear_slot(&record, 1 - slot);
   drop_listing(file, thrower);
-  const Callback callback(this, other, file);
-  lock.unlock();
-  if (other) syncstopAIO(file, other, true, true, true);
+  close(fd);
+  file->impl->owns = false;
+  file->impl->closed = true;
+  if (other) tell_cancelled(&lock, file, other, true, true);
 }
 
 }  // namespace vornfc

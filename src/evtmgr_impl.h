@@ -4,7 +4,6 @@
 #include <poll.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <mutex>
 
@@ -16,13 +15,16 @@ class VrnEvtMgrNative;
 // manager's own member: timers, watchers and files may end on another thread, or after the manager.
 // Order: a timer's lock, then this one, then the registrar's.
 extern std::mutex registry;
-extern VrnEvtMgrNative* native_manager;        // guarded by registry
-extern std::condition_variable callback_done;  // with registry: a callback has ended
+extern VrnEvtMgrNative* native_manager;  // guarded by registry
+
+// What a thread waits for under the registry lock, which the caller holds, may have come true.
+void notify_waiting();
 
 // Ends the wait of the loop by a record in the registrar's pipe. Any thread, signal handlers too.
 void send_wake() noexcept;
 void open_wake(int write_end);   // from now on send_wake() writes there
 void close_wake(int write_end);  // on return nobody is writing there
+void forget_wakers();            // in a forked process: they are threads of the other
 
 // A record's slot for a watcher, and the events that the watcher is polled for.
 inline size_t slot_of(bool input) {

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <iterator>
 #include <string>
@@ -23,9 +24,19 @@ namespace vornfc {
 
 std::mutex registry;
 VrnEvtMgrNative* native_manager = nullptr;
-std::condition_variable callback_done;
 
 namespace {
+
+// With the registry lock: a callback, or a stop that holds a file, has ended.
+std::condition_variable change;
+int waiting = 0;
+
+template <class Condition>
+void wait(std::unique_lock<std::mutex>* lock, Condition condition) {
+  ++waiting;
+  change.wait(*lock, condition);
+  --waiting;
+}
 
 constexpr size_t InitialEntries = 128;
 // How long a stop from another thread waits for a running callback: one that itself waits for the
@@ -45,6 +56,16 @@ int timer_precision() {
   return static_cast<int>(std::clamp<long>(value, MinTimerPrecision, INT_MAX));
 }
 
+// A process that is forked while another thread holds the registry lock must not have it locked.
+void guard_forks() {
+  static const int once = pthread_atfork([] { registry.lock(); }, [] { registry.unlock(); },
+                                         [] {
+                                           registry.unlock();
+                                           forget_wakers();
+                                         });
+  if (once != 0) throw VrnException(2, "EvtMgr: pthread_atfork() failed (%d)", once);
+}
+
 template <class Container>
 int count(const Container& container) {
   return static_cast<int>(container.size());
@@ -52,20 +73,26 @@ int count(const Container& container) {
 
 }  // namespace
 
+void notify_waiting() {
+  if (waiting > 0) change.notify_all();
+}
+
 // ---- construction ----
 
 VrnEvtMgrNative::VrnEvtMgrNative()
     : throwtasks(env_is_yes("VORN_EM_THROWTASKS")),
       timerprec(timer_precision()),
       owner(pthread_self()),
+      loop_thread(owner),
       mutex("EvtMgrNative", false) {
   // VORN_EM_ARMODE can only turn on what is on.
   vrnlog(4, "EvtMgr.ctor - this=0x%x, armode=%s, throwtasks=%s", address32(this), yes_no(true),
          yes_no(throwtasks));
   pollfds.reserve(InitialEntries);
   iofiles.resize(pollfds.capacity());
-  registrar.reset(new AsyncRegistrar("ARhelper", this));
+  registrar = std::make_unique<AsyncRegistrar>("ARhelper", this);
   ImplFile::end_of_watched_file = [](VrnFile* file) { forget(file); };
+  guard_forks();
   const Lock lock(registry);
   native_manager = this;
 }
@@ -90,6 +117,7 @@ void VrnEvtMgrNative::startDispatcher() {
                   static_cast<unsigned>(owner));
     running = true;
   }
+  loop_thread = pthread_self();
   try {
     dispatcher();
   } catch (...) {
@@ -144,13 +172,14 @@ int VrnEvtMgrNative::fire_due_timers() {
     Lock lock(registry);
     if (timers.empty()) return -1;
     VrnTimer* const timer = *timers.begin();
-    const int wait = timer->compare(&now) / timerprec;
-    if (wait > 0) return wait;
+    const int left = timer->compare(&now) / timerprec;
+    if (left > 0) return left;
     unqueue(timer);
+    const unsigned start = timer->impl->starts;
     const Callback callback(this, timer);
     lock.unlock();
     try {
-      timer->triggerTimer(&now);
+      timer->trigger(now, start);
     } catch (...) {
       if (throwtasks) throw;
       vrnlog(1, "EvtMgr: Timer threw [%s]", VrnException::handler().c_str());
@@ -233,6 +262,7 @@ void VrnEvtMgrNative::dispatcherStopped() {
     VrnMutexGuard guard(&mutex);
     running = false;
   }
+  ended = true;
   registrar->cancel(true);
   registrar->dispatcherStopped();
   size = sizes();
@@ -242,27 +272,32 @@ void VrnEvtMgrNative::dispatcherStopped() {
   report_signal_handlers();
 }
 
-// What remains is reported, neither cancelled nor freed. A timer's own lock comes before the
-// registry lock, so the timer is held in place as for a callback while it tells its expiry.
+void VrnEvtMgrNative::abandon() {
+  VrnMutexGuard guard(&mutex);
+  if (running || ended) return;
+  guard.clear();
+  ended = true;
+  dead = true;
+  registrar->cancel(true);
+  registrar->dispatcherStopped();
+}
+
+// What remains is reported, neither cancelled nor freed.
 void VrnEvtMgrNative::report_timers() {
-  Lock lock(registry);
-  auto it = timers.begin();
-  while (it != timers.end()) {
-    VrnTimer* const timer = *it;
-    {
-      const Callback hold(this, timer);
-      lock.unlock();
-      timeval left{};
-      const bool active = timer->getExpiry(&left, nullptr, false);
-      vrnlog(4, "- EvtMgr: timer=%s remains - %d millisecs%s", timer->tmrtag(),
-             static_cast<int>(left.tv_sec * 1000 + left.tv_usec / 1000),
-             active ? "" : " (inactive)");
-      lock.lock();
-      it = timer->impl->queued ? std::next(timer->impl->place) : timers.upper_bound(timer);
-      lock.unlock();
+  std::vector<std::string> lines;
+  {
+    const Lock lock(registry);
+    timeval now;
+    gettimeofday(&now, nullptr);
+    for (const VrnTimer* timer : timers) {
+      const ImplTimer::State state = timer->impl->state;
+      const bool active = state == ImplTimer::Queued || state == ImplTimer::Restart;
+      const int left = active ? timer->compare(&now) / 1000 : 0;
+      lines.push_back(timer->impl->tag + " remains - " + std::to_string(left) + " millisecs" +
+                      (active ? "" : " (inactive)"));
     }
-    lock.lock();
   }
+  for (const std::string& line : lines) vrnlog(4, "- EvtMgr: timer=%s", line.c_str());
 }
 
 void VrnEvtMgrNative::report_watchers() {
@@ -309,20 +344,20 @@ bool VrnEvtMgrNative::nothing_watched() const {
 
 // A wake that was sent and not read yet ends the next wait too.
 void VrnEvtMgrNative::wake() {
-  if (!on_owner_thread() && !wake_sent.exchange(true)) send_wake();
+  if (!on_loop_thread() && !wake_sent.exchange(true)) send_wake();
 }
 
 // ---- timers ----
 
 bool VrnEvtMgrNative::startTimer(VrnTimer* timer) {
-  VrnAssertFull(timer != nullptr, "EvtMgr: Null timer to start");
+  if (!timer) throw VrnException(3, "EvtMgr: Null timer to start");
   if (!on_owner_thread()) return syncstartTimer(timer);
   timer->impl->requested = true;
   return registrar->submit(AsyncRegistrar::StartTimer, 1, timer);
 }
 
 bool VrnEvtMgrNative::stopTimer(VrnTimer* timer) {
-  VrnAssertFull(timer != nullptr, "EvtMgr: Null timer to stop");
+  if (!timer) throw VrnException(3, "EvtMgr: Null timer to stop");
   if (on_owner_thread() && registrar->submit(AsyncRegistrar::StopTimer, 1, timer)) return false;
   Lock lock(registry);
   // A start from the dispatcher thread that is still on its way must not come after this.
@@ -348,6 +383,7 @@ void VrnEvtMgrNative::syncstopTimer(VrnTimer* timer, bool notify) {
 }
 
 bool VrnEvtMgrNative::queue_timer(VrnTimer* timer) {
+  if (!timer) throw VrnException(3, "EvtMgr: Null timer to start");
   if (dead) return false;
   unqueue(timer);
   timer->impl->place = timers.insert(timer);  // behind those with an equal expiry
@@ -356,6 +392,7 @@ bool VrnEvtMgrNative::queue_timer(VrnTimer* timer) {
 }
 
 void VrnEvtMgrNative::stop_timer(Lock* lock, VrnTimer* timer, bool notify) {
+  if (!timer) throw VrnException(3, "EvtMgr: Null timer to stop");
   unqueue(timer);
   if (!notify) return;
   const Callback callback(this, timer);
@@ -378,35 +415,33 @@ void VrnEvtMgrNative::unqueue(VrnTimer* timer) {
 
 void VrnEvtMgrNative::forget(VrnTimer* timer) {
   Lock lock(registry);
-  if (!native_manager) return;
+  if (!end_callbacks(&lock, timer)) return;
   if (timer->impl->requested) native_manager->registrar->voidRequests(timer);
-  native_manager->end_callbacks(&lock, timer);
   native_manager->unqueue(timer);
 }
 
 void VrnEvtMgrNative::forget(VrnAIO* aio) {
   Lock lock(registry);
-  if (!native_manager) return;
+  if (!end_callbacks(&lock, aio)) return;
   if (aio->requested) native_manager->registrar->voidRequests(aio);
-  native_manager->end_callbacks(&lock, aio);
-  native_manager->unregister(aio);
+  if (native_manager->unregister(aio)) native_manager->wake();
 }
 
 void VrnEvtMgrNative::forget(VrnFile* file) {
   Lock lock(registry);
   for (VrnAIO* aio : file->impl->listed_by) aio->drop_file(aio, file);
   file->impl->listed_by.clear();
+  if (!end_callbacks(&lock, file)) return;
+  wait(&lock, [&] { return file->impl->stopping == 0; });
   if (!native_manager) return;
   if (file->impl->requested) native_manager->registrar->voidRequests(file);
-  native_manager->end_callbacks(&lock, file);
-  native_manager->unregister(file);
+  if (native_manager->unregister(file)) native_manager->wake();
 }
 
 void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
   Lock lock(registry);
-  if (!native_manager) return;
+  if (!end_callbacks(&lock, handler)) return;
   native_manager->registrar->voidRequests(handler);
-  native_manager->end_callbacks(&lock, handler);
   auto& handlers = native_manager->sighandlers;
   for (auto it = handlers.begin(); it != handlers.end();) {
     it = it->second == handler ? handlers.erase(it) : std::next(it);
@@ -422,7 +457,7 @@ VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, const void* object
 VrnEvtMgrNative::Callback::~Callback() {
   const Lock lock(registry);
   mgr->callbacks = outer;
-  if (mgr->waiting > 0) callback_done.notify_all();
+  notify_waiting();
 }
 
 bool VrnEvtMgrNative::in_callback(const void* object) const {
@@ -434,27 +469,27 @@ bool VrnEvtMgrNative::in_callback(const void* object) const {
 
 // The dispatcher thread may end an object inside the object's own callback. Another thread waits:
 // a callback of an object that is gone could not be taken back.
-void VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
-  if (on_owner_thread()) {
-    for (Callback* callback = callbacks; callback; callback = callback->outer) {
+bool VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
+  if (!native_manager) return false;
+  if (native_manager->on_loop_thread()) {
+    for (Callback* callback = native_manager->callbacks; callback; callback = callback->outer) {
       for (const void*& held : callback->objects) {
         if (held == object) held = nullptr;
       }
     }
-    return;
+  } else {
+    wait(lock, [&] { return !native_manager || !native_manager->in_callback(object); });
   }
-  ++waiting;
-  callback_done.wait(*lock, [&] { return !in_callback(object); });
-  --waiting;
+  return native_manager != nullptr;
 }
 
 void VrnEvtMgrNative::let_callback_finish(const void* object) {
   Lock lock(registry);
-  VrnEvtMgrNative* const mgr = native_manager;
-  if (!mgr || mgr->on_owner_thread()) return;
-  ++mgr->waiting;
-  callback_done.wait_for(lock, CallbackGrace, [&] { return !mgr->in_callback(object); });
-  --mgr->waiting;
+  if (!native_manager || native_manager->on_loop_thread()) return;
+  ++waiting;
+  change.wait_for(lock, CallbackGrace,
+                  [&] { return !native_manager || !native_manager->in_callback(object); });
+  --waiting;
 }
 
 }  // namespace vornfc

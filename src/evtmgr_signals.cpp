@@ -48,6 +48,7 @@ bool VrnEvtMgrNative::stopSignal(VrnSignalHandler* handler, int signo, bool igno
     return false;
   }
   sigRequest(false, false, handler, signo, ignore);
+  if (handler) let_callback_finish(handler);
   return true;
 }
 
@@ -60,6 +61,7 @@ VrnSignalHandler* VrnEvtMgrNative::sigRequest(bool start, bool notify, VrnSignal
 VrnSignalHandler* VrnEvtMgrNative::change_signal(Lock* lock, bool start, bool notify,
                                                  VrnSignalHandler* handler, int signo,
                                                  bool ignore) {
+  VrnAssertFull(!start || handler, "EvtMgr: Null handler for Signal=%d", signo);
   VrnSignalHandler* previous = nullptr;
   if (signo == -1) {
     std::vector<int> signals;

@@ -30,7 +30,7 @@ VrnFile::~VrnFile() {
 void VrnFile::assign(int new_fd, const std::string& new_name, bool owns) {
   VrnAssertFull(new_fd >= 0 && fd == -1, "VrnFile: Assigning %s=%d to %s=%d", new_name.c_str(),
                 new_fd, name(), fd);
-  impl.reset(new ImplFile(new_name.empty() ? "?fd?" : new_name, owns));
+  impl = std::make_unique<ImplFile>(new_name.empty() ? "?fd?" : new_name, owns);
   fd = new_fd;
 }
 

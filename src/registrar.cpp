@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 
 namespace vornfc {
 
@@ -23,7 +24,10 @@ bool is_start(int type) {
 }
 
 void* type_word(int type) {
-  return reinterpret_cast<void*>(static_cast<std::intptr_t>(type));
+  const std::int64_t value = type;
+  void* word;
+  memcpy(&word, &value, sizeof word);
+  return word;
 }
 
 int int_word(const void* word) {
@@ -54,6 +58,10 @@ void send_wake() noexcept {
   --wakers;
 }
 
+void forget_wakers() {
+  wakers = 0;
+}
+
 void open_wake(int write_end) {
   int none = -1;
   wake_fd.compare_exchange_strong(none, write_end);
@@ -66,12 +74,13 @@ void close_wake(int write_end) {
 }
 
 AsyncRegistrar::AsyncRegistrar(const char* name, VrnEvtMgrNative* manager)
-    : VrnAIO(true, name), mgr(manager), rfile(new VrnFile) {
+    : VrnAIO(true, name ? name : ""), mgr(manager), rfile(new VrnFile) {
+  VrnAssertFull(manager != nullptr, "AsyncRegistrar: Null event manager for %s", tag.c_str());
   static_assert(sizeof(Request) == RecordSize, "the record's layout");
   int ends[2];
-  if (pipe(ends) == -1) throw VrnException(2, "EvtMgr: Failed to create %s pipe", name);
+  if (pipe(ends) == -1) throw VrnException(2, "EvtMgr: Failed to create %s pipe", tag.c_str());
   try {
-    rfile->assign(ends[0], name, true);
+    rfile->assign(ends[0], tag, true);
     rfile->setBlockingMode(false);
   } catch (...) {
     if (rfile->fd == -1) close(ends[0]);
@@ -89,6 +98,21 @@ AsyncRegistrar::~AsyncRegistrar() {
   vrnlog(4, "AsyncRegistrar.dtor: Enter with unreg_reqs=%d, stopped=%s",
          static_cast<int>(queue.size()), yes_no(stopped));
   close_write_end();
+}
+
+bool AsyncRegistrar::is_open() const {
+  VrnMutexGuard guard(mutex.get());
+  return wfd != -1;
+}
+
+bool AsyncRegistrar::is_in_pipe() const {
+  VrnMutexGuard guard(mutex.get());
+  return in_pipe;
+}
+
+void AsyncRegistrar::set_in_pipe(bool value) {
+  VrnMutexGuard guard(mutex.get());
+  in_pipe = value;
 }
 
 void AsyncRegistrar::start() {
@@ -142,20 +166,20 @@ void AsyncRegistrar::aioReady(VrnFile*) {
     const int got = VrnFile::bread(rfile->fd, request.words.data(), RecordSize, true, 0, &eof);
     if (got == RecordSize) {
       if (int_word(request.words[0]) != WakeRecord) {
-        in_pipe = false;
+        set_in_pipe(false);
         if (!carry_out(request, "submitted", false)) return cancel(true);
         continue;
       }
       mgr->wake_sent = false;
       // Threads that wake the loop again and again must not keep it from its next turn.
-      if (++wakes < MaxWakes || in_pipe) continue;
+      if (++wakes < MaxWakes || is_in_pipe()) continue;
     }
     if (!carry_out_backlog()) return cancel(true);
     if (got == -1 || eof) return cancel(got == -1);
-    if (in_pipe) continue;
+    if (is_in_pipe()) continue;
     // A process forked by the application may hold a copy of the write end, so after request 5 a
     // drained pipe counts as ended.
-    if (wfd == -1) cancel(false);
+    if (!is_open()) cancel(false);
     return;
   }
 }
@@ -165,7 +189,8 @@ bool AsyncRegistrar::carry_out_backlog() {
     Request request;
     {
       VrnMutexGuard guard(mutex.get());
-      if (backlog.empty()) return true;
+      // One in the pipe is older than what has come to the backlog since.
+      if (in_pipe || backlog.empty()) return true;
       request = backlog.front();
       backlog.pop_front();
     }
@@ -210,6 +235,7 @@ void AsyncRegistrar::voidRequests(const void* object, const void* second) {
 }
 
 int AsyncRegistrar::processRequest(void** record) {
+  if (!record) throw VrnException(3, "AsyncRegistrar: Null request to carry out");
   std::unique_lock<std::mutex> lock(registry);
   return process(&lock, record);
 }
@@ -243,7 +269,7 @@ void AsyncRegistrar::cancel(bool err) {
 }
 
 void AsyncRegistrar::aioCancelled(VrnFile*, bool hangup, bool err) {
-  vrnlog(!err && wfd != -1 ? 1 : 4, "AsyncRegistrar: Cancelled - hangup=%s, err=%s", yes_no(hangup),
+  vrnlog(!err && is_open() ? 1 : 4, "AsyncRegistrar: Cancelled - hangup=%s, err=%s", yes_no(hangup),
          yes_no(err));
   close_write_end();
   mgr->syncstopDispatcher();

@@ -35,6 +35,7 @@ void ImplTimer::start(const timeval& when, const timeval& every) {
   VrnEvtMgr* const evtmgr = event_manager_for("VrnTimer", tag.c_str());
   expiry = when;
   interval = every;
+  ++starts;
   evtmgr->startTimer(owner);
   state = Queued;
 }
@@ -141,7 +142,7 @@ int VrnTimer::compare(const VrnTimer& other) const {
 }
 
 int VrnTimer::compare(const timeval* now) const {
-  VrnAssertFull(now != nullptr, "VrnTimer: Null time to compare with %s", tmrtag());
+  if (!now) throw VrnException(3, "VrnTimer: Null time to compare with %s", tmrtag());
   return utime_diff(now, &impl->expiry);
 }
 
@@ -154,12 +155,18 @@ int VrnTimer::unlock() const {
 }
 
 void VrnTimer::triggerTimer(const timeval* now) {
-  VrnAssertFull(now != nullptr, "VrnTimer: Null time to trigger %s", tmrtag());
+  if (!now) throw VrnException(3, "VrnTimer: Null time to trigger %s", tmrtag());
+  trigger(*now, impl->starts);
+}
+
+// `start`: the number of the start that is due. Another thread may have stopped the timer since, or
+// set it anew.
+void VrnTimer::trigger(const timeval& now, unsigned start) {
   {
     VrnMutexGuard guard(&impl->mutex);
-    if (impl->state != ImplTimer::Queued) return;  // stopped after it became due
+    if (impl->state != ImplTimer::Queued || impl->starts != start) return;
     impl->state = ImplTimer::Idle;
-    if (timerisset(&impl->interval)) impl->start(sum(*now, impl->interval), impl->interval);
+    if (timerisset(&impl->interval)) impl->start(sum(now, impl->interval), impl->interval);
   }
   timerExpired();
 }
@@ -174,7 +181,8 @@ void VrnTimer::timerCancelled() {
         impl->start(impl->pending_expiry, impl->pending_interval);
         return;
       default:
-        throw VrnException(3, "VrnTimer: Invalid state=%d in Unregistered callback", impl->state);
+        throw VrnException(3, "VrnTimer: Invalid state=%d in Unregistered callback",
+                           static_cast<int>(impl->state));
     }
   }
   timerStopped();

@@ -28,12 +28,13 @@ struct ImplTimer {
   bool stop();  // true: idle now
 
   VrnTimer* const owner;
-  State state = Idle;
-  timeval expiry{};    // unchanged while the event manager has the timer queued
-  timeval interval{};  // all zero: does not repeat
+  std::atomic<State> state{Idle};  // changed under `mutex`; the end of the loop looks without it
+  timeval expiry{};                // unchanged while the event manager has the timer queued
+  timeval interval{};              // all zero: does not repeat
   timeval pending_expiry{};
   timeval pending_interval{};
   std::string tag;
+  std::atomic<unsigned> starts{0};  // tells a timer that is due from the same timer set anew
   mutable VrnMutex mutex;
 
   // The event manager's, guarded by its registry lock.

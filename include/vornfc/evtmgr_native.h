@@ -24,6 +24,7 @@
 namespace vornfc {
 
 class AsyncRegistrar;
+struct ImplAppShell;
 
 /// The event manager that waits in poll(). Reached through VrnEvtMgr::instance(); its settings are
 /// read from the environment at construction:
@@ -56,6 +57,9 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   VrnSignalHandler* startSignal(VrnSignalHandler* handler, int signo) override;
   bool stopSignal(VrnSignalHandler* handler, int signo, bool ignore) override;
 
+  void dispatcher();         ///< The loop; called by startDispatcher().
+  void dispatcherStopped();  ///< What follows the loop; called by startDispatcher().
+
   /// Makes the loop end at its next check.
   void syncstopDispatcher();
 
@@ -85,6 +89,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
 
  private:
   friend class AsyncRegistrar;
+  friend struct ImplAppShell;
   friend class VrnAIO;
   friend class VrnAsyncReceiver;
   friend class VrnSignalHandler;
@@ -104,8 +109,6 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
     Callback* const outer;
   };
 
-  void dispatcher();
-  void dispatcherStopped();
   void deliver_signals();
   int fire_due_timers();
   int wait_for_events(int timeout);
@@ -123,12 +126,17 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   Sizes sizes() const;
   bool nothing_watched() const;
   bool on_owner_thread() const { return pthread_equal(pthread_self(), owner) != 0; }
+  bool on_loop_thread() const { return pthread_equal(pthread_self(), loop_thread) != 0; }
+
+  // No loop will run (any more): stops are confirmed, and from now on complete at once.
+  void abandon();
 
   // The sync operations for a caller that holds the registry lock; those that call back do so with
   // `lock` released, and leave it so.
   using Lock = std::unique_lock<std::mutex>;
   bool start_watch(VrnFile* file, VrnAIO* aio);
-  void stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err);
+  bool stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err);
+  void tell_cancelled(Lock* lock, VrnFile* file, VrnAIO* aio, bool hangup, bool err);
   bool queue_timer(VrnTimer* timer);
   void stop_timer(Lock* lock, VrnTimer* timer, bool notify);
   VrnSignalHandler* change_signal(Lock* lock, bool start, bool notify, VrnSignalHandler* handler,
@@ -136,11 +144,12 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
 
   // These expect the registry lock held.
   bool unregister(VrnFile* file, VrnAIO* aio);  // false: it was not registered
-  void unregister(const VrnAIO* aio);
-  void unregister(const VrnFile* file);
+  bool unregister(const VrnAIO* aio);
+  bool unregister(const VrnFile* file);
   void clear_slot(iofile_t* record, size_t slot);
   void remove_entry(iofile_t* record);
   static void drop_listing(VrnFile* file, VrnAIO* aio);
+  static void check_watch(const VrnFile* file, const VrnAIO* aio);
   void unqueue(VrnTimer* timer);
   bool in_callback(const void* object) const;
 
@@ -152,7 +161,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   static void forget(VrnAIO* aio);
   static void forget(VrnFile* file);
   static void forget(VrnSignalHandler* handler);
-  void end_callbacks(Lock* lock, const void* object);
+  static bool end_callbacks(Lock* lock, const void* object);  // false: there is no manager
 
   // Waits a moment for the end of a callback to `object` that runs on another thread.
   static void let_callback_finish(const void* object);
@@ -163,7 +172,6 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   std::multiset<VrnTimer*, VrnPtrLess<VrnTimer>> timers;
   std::map<int, VrnSignalHandler*> sighandlers;
   Callback* callbacks = nullptr;
-  int waiting = 0;              // threads that wait for the end of a callback
   bool pollfds_changed = true;  // since they were copied into `polled`
 
   std::atomic<bool> dead{false};
@@ -176,8 +184,10 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   bool throwtasks = false;
   int timerprec = 1000;
 
-  const pthread_t owner;
-  bool running = false;  // guarded by mutex
+  const pthread_t owner;               // its requests go through the registrar
+  std::atomic<pthread_t> loop_thread;  // runs the dispatcher, and with it the callbacks
+  bool ended = false;                  // the loop has run
+  bool running = false;                // guarded by mutex
   VrnMutex mutex;
   std::unique_ptr<AsyncRegistrar> registrar;
 };
@@ -227,6 +237,9 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
     std::array<void*, 4> words{};
   };
 
+  bool is_open() const;
+  bool is_in_pipe() const;
+  void set_in_pipe(bool value);
   bool is_void(const Request& request);
   bool carry_out(Request request, const char* what, bool stops_only);
   bool carry_out_backlog();
@@ -238,11 +251,9 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   VrnEvtMgrNative* const mgr;
   std::unique_ptr<VrnFile> rfile;
 
-  // The dispatcher thread's own: only it submits and carries out.
+  // Guarded by the mutex of VrnAIO.
   int wfd = -1;
   bool in_pipe = false;  // a request is in the pipe, unread
-
-  // Guarded by the mutex of VrnAIO.
   bool stopped = false;
   std::deque<Request> backlog;  // requests behind the one in the pipe
   std::deque<Request> queue;    // stops that came after the pipe was closed

@@ -82,6 +82,8 @@ class VORNFC_EXPORT VrnTimer {
 
  private:
   friend class VrnEvtMgrNative;
+  void trigger(const timeval& now, unsigned start);
+
   std::unique_ptr<ImplTimer> impl;
 };
 
