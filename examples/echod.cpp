@@ -1,13 +1,17 @@
 // A TCP echo server: sends back what each caller sends, and closes callers that fall silent.
 //
-//   echod [-a ADDRESS] [-t SECONDS]    ADDRESS is PORT or HOST:PORT, SECONDS the idle time allowed
+//   echod [-a ADDRESS] [-t SECONDS] [-C FILE[:GROUP]] [-L LOGGER-GROUP] [-D DIRECTORY]
 //
-// Ends on SIGTERM and SIGINT, with every connection closed.
+// ADDRESS is PORT or HOST:PORT, SECONDS the idle time allowed. Without the options they are the
+// items ADDRESS and IDLE of the file's group (echod.conf shows one), and are followed when that
+// changes: a daemon reads it again on SIGUSR1. Ends on SIGTERM and SIGINT, with every connection
+// closed.
 #include "vornfc/vornfc.h"
 #include "vornsupport/support.h"
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -16,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 using namespace vornfc;
 
@@ -37,7 +42,7 @@ struct Caller : VrnAIO {
   time_t last_heard = time(nullptr);
 };
 
-class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHandler {
+class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHandler, VrnObserver {
  public:
   Echo()
       : VrnAppShell(nullptr, "echod", "1.0", "TCP echo server"),
@@ -54,10 +59,10 @@ class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHan
  private:
   int appParseArg(int isSwitch, int opt, const char* arg) override {
     if (!isSwitch) return 3;
-    if (opt == 'a') address = arg;
+    if (opt == 'a') address_option = arg;
     if (opt == 't') {
-      idle_seconds = isdecstr(arg) ? atoi(arg) : 0;
-      VrnAssertFull(idle_seconds > 0, "Invalid idle time (%s)", arg);
+      idle_option = isdecstr(arg) ? atoi(arg) : 0;
+      VrnAssertFull(idle_option > 0, "Invalid idle time (%s)", arg);
     }
     return 0;
   }
@@ -71,24 +76,58 @@ class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHan
   }
 
   int appInit() override {
-    server = std::make_unique<VrnServerSocket>(address.c_str(), true);
-    server->activate();
-    vrnlog(3, "Serving on %s, idle callers are closed after %d s", server->name(), idle_seconds);
-    aioStart(server.get());
+    apply_settings();
+    appConfig()->attach(this);
     startTimer(1, 0, 1, 0);
     for (const int signo : {SIGTERM, SIGINT}) evtmgr->startSignal(this, signo);
     return 0;
   }
 
+  // Nothing changes unless everything is good.
+  void apply_settings() {
+    const VrnConfig& file = *appConfig()->config;
+    const std::string group = appConfig()->group.empty() ? "echod" : appConfig()->group;
+    std::string address = address_option;
+    if (address.empty()) address = file.value(group, "ADDRESS", false, 0);
+    if (address.empty()) address = "7777";
+    const int idle = idle_option > 0 ? idle_option : file.intval(group, "IDLE", 60, 0);
+    VrnAssertFull(idle > 0, "Invalid idle time (%d)", idle);
+    if (address != served_address) serve(address);
+    idle_seconds = idle;
+    vrnlog(3, "Serving on %s, idle callers are closed after %d s", server->name(), idle_seconds);
+  }
+
+  void serve(const std::string& address) {
+    auto fresh = std::make_unique<VrnServerSocket>(address.c_str(), true);
+    fresh->activate();
+    aioStart(fresh.get());
+    if (server && !aioStop(server.get())) retired.push_back(std::move(server));
+    server = std::move(fresh);
+    served_address = address;
+  }
+
+  void observerNotified(VrnNotifier*) override {
+    try {
+      apply_settings();
+    } catch (...) {
+      vrnlog(1, "The settings stay as they were: %s", VrnException::handler().c_str());
+    }
+  }
+  void observerDetached(VrnNotifier*) override {}
+  std::string observerName() const override { return "echod"; }
+
   void appTerminated() override {
     vrnlog(3, "Closing %d callers", static_cast<int>(callers.size()));
+    if (appConfig()) appConfig()->detach(this);
     aioTerminate();
     callers.clear();
+    retired.clear();
     server.reset();
   }
 
   void aioReady(VrnFile* file) override {
-    if (file != server.get()) return callers.at(file)->hear();
+    if (const auto it = callers.find(file); it != callers.end()) return it->second->hear();
+    if (file != server.get()) return;  // retired
     if (VrnSocket* const connection = server->accept()) {
       vrnlog(3, "%s connected", connection->name());
       callers[connection] = std::make_unique<Caller>(this, connection);
@@ -99,6 +138,8 @@ class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHan
   void aioRemoved(VrnFile* file, bool hangup, bool) override {
     const auto it = callers.find(file);
     if (it != callers.end() && (hangup || it->second->closing)) forget(file);
+    const auto is_it = [file](const auto& socket) { return socket.get() == file; };
+    retired.erase(std::remove_if(retired.begin(), retired.end(), is_it), retired.end());
   }
 
   void timerExpired() override {
@@ -116,9 +157,12 @@ class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHan
   void signalStopped(int) override {}
   const char* sigtag() const override { return "echod"; }
 
-  std::string address = "7777";
-  int idle_seconds = 60;
+  std::string address_option;
+  int idle_option = 0;
+  std::string served_address;
+  int idle_seconds = 0;
   std::unique_ptr<VrnServerSocket> server;
+  std::vector<std::unique_ptr<VrnServerSocket>> retired;  // until their stop is confirmed
   std::map<VrnFile*, std::unique_ptr<Caller>> callers;
 };
 
