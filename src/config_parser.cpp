@@ -1,0 +1,182 @@
+#include "config_parser.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <utility>
+
+namespace vornfc {
+
+namespace {
+
+// What is wrong with a line. Ends the work on that line and goes no further than parse_file().
+struct Fault {
+  std::string text;
+};
+
+[[noreturn]] void fail(const std::string& text) {
+  throw Fault{text};
+}
+
+std::string bracketed(std::string_view text) {
+  return "[" + std::string(text) + "]";
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && is_space(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_space(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// Quotes stand at both ends of a value or at none. Escapes are gone by now, so a quote at an end
+// counts however it was written, and a lone one stands at both ends.
+bool well_quoted(std::string_view value) {
+  return value.empty() || (value.front() == '"') == (value.back() == '"');
+}
+
+std::string_view unquoted(std::string_view value) {
+  if (value.empty() || value.front() != '"') return value;
+  return value.size() == 1 ? std::string_view() : value.substr(1, value.size() - 2);
+}
+
+}  // namespace
+
+void ConfigSink::onLine(int, std::string_view) {}
+void ConfigSink::onGroup(int, const group_t&) {}
+void ConfigSink::onItem(int, const group_t&, const std::string&, const item_t&) {}
+
+group_t::group_t(const group_t& other) : name(other.name), items(other.items) {
+  for (const std::string* item : other.itemnams) itemnams.push_back(&items.find(*item)->first);
+}
+
+ConfigParser::ConfigParser(std::FILE* stream, ConfigContent* content, ConfigSink* reports)
+    : in(stream), out(content), sink(reports), group_hint(content->groups.end()) {}
+
+void ConfigParser::parse_file() {
+  while (read_line()) {
+    try {
+      parse_line();
+    } catch (const Fault& fault) {
+      sink->onError(lineno, fault.text);
+    }
+  }
+  if (std::ferror(in)) {
+    sink->onError(lineno + 1, "Read error " + bracketed(std::strerror(errno)));
+  }
+}
+
+// False at the end of the file, and after a read error, whose errno is then still there.
+bool ConfigParser::read_line() {
+  for (int c = 0; unfinished && c != '\n' && c != EOF;) c = std::fgetc(in);
+  unfinished = false;
+  if (!std::fgets(line, MAX_LINE, in) || std::ferror(in)) return false;
+  ++lineno;
+  return true;
+}
+
+void ConfigParser::parse_line() {
+  const std::size_t length = std::strlen(line);
+  sink->onLine(lineno, {line, length});
+  if (length == 0 || line[length - 1] != '\n') reject_line(length);
+  line[length - 1] = '\0';
+  const std::string_view text = trimmed({line, length - 1});
+  if (text.empty() || text.front() == '#') return;
+  if (text.front() == '[') return parse_group(text);
+  parse_item(text);
+}
+
+// The text does not end with a line end: the line has more than the buffer holds, or ends with the
+// file, or there is a NUL byte, with the line end behind it or not yet read. No earlier line has
+// left its line end in the buffer.
+void ConfigParser::reject_line(std::size_t length) {
+  char* line_end = static_cast<char*>(std::memchr(line, '\n', MAX_LINE));
+  unfinished = !line_end;
+  if (line_end) *line_end = '\0';
+  if (length == MAX_LINE - 1 || std::feof(in)) {
+    fail("Line too long, max=" + std::to_string(MAX_LINE));
+  }
+  fail("NUL byte in line");
+}
+
+void ConfigParser::parse_group(std::string_view text) {
+  if (text.back() != ']') {
+    reject_group(text);
+    fail("Invalid group-name brackets " + bracketed(text));
+  }
+  const std::string name(trimmed(text.substr(1, text.size() - 2)));
+  const std::size_t known = out->groups.size();
+  const auto entry = out->groups.emplace_hint(group_hint, name, group_t(name));
+  if (out->groups.size() == known) {
+    reject_group(name);
+    fail("Duplicate " + name + " group");
+  }
+  group_hint = std::next(entry);
+  out->grpnams.push_back(name);
+  enter(&entry->second);
+  sink->onGroup(lineno, *group);
+}
+
+void ConfigParser::reject_group(std::string_view name) {
+  rejected = group_t(std::string(name));
+  enter(&rejected);
+}
+
+void ConfigParser::enter(group_t* entered) {
+  group = entered;
+  item_hint = group->items.end();
+}
+
+void ConfigParser::parse_item(std::string_view text) {
+  if (!group) fail("Not in group !");
+  const std::size_t delimiter = text.find('=');
+  if (delimiter == text.npos) fail("Missing name/value delimiter " + bracketed(text));
+  const std::string name(trimmed(text.substr(0, delimiter)));
+  const std::size_t known = group->items.size();
+  const auto entry = group->items.emplace_hint(item_hint, name, item_t());
+  if (group->items.size() == known) {
+    fail("Duplicate " + name + " item in group " + group->name);
+  }
+  item_hint = std::next(entry);
+  try {
+    parse_values(&entry->second, text.substr(delimiter + 1));
+    group->itemnams.push_back(&entry->first);
+  } catch (...) {
+    group->items.erase(entry);
+    throw;
+  }
+  sink->onItem(lineno, *group, entry->first, entry->second);
+}
+
+void ConfigParser::parse_values(item_t* item, std::string_view text) {
+  auto& values = item->values;
+  while (!text.empty()) {
+    const std::string_view value = trimmed(next_value(&text));
+    if (!well_quoted(value)) {
+      fail("Mismatched quotes in value " + std::to_string(values.size()) + " " + bracketed(value));
+    }
+    values.emplace_back(unquoted(value));
+  }
+  while (!values.empty() && values.back().empty()) values.pop_back();
+}
+
+// Takes the first value and its separator off the text. The result, which has no escapes any more,
+// is valid until the next call.
+std::string_view ConfigParser::next_value(std::string_view* text) {
+  const std::string_view all = *text;
+  std::string_view value = all.substr(0, all.find(';'));
+  std::size_t used = value.size();
+  if (value.find('\\') != value.npos) {
+    std::size_t length = 0;
+    for (used = 0; used < all.size() && all[used] != ';'; ++used) {
+      if (all[used] == '\\' && ++used == all.size()) fail("Hanging escape " + bracketed(all));
+      scratch[length++] = all[used];
+    }
+    value = {scratch, length};
+  }
+  text->remove_prefix(std::min(used + 1, all.size()));
+  return value;
+}
+
+}  // namespace vornfc
