@@ -26,6 +26,13 @@ namespace {
 constexpr std::chrono::seconds DEADLINE{10};
 constexpr std::chrono::milliseconds SLICE{5};
 
+// A copy is called: the call may destroy the object that holds it.
+template <typename... P>
+void call_copy(const std::function<void(P...)>& held, P... args) {
+  const auto call = held;
+  if (call) call(args...);
+}
+
 std::string read_all(int fd) {
   std::string text;
   char chunk[4096];
@@ -40,18 +47,18 @@ std::string read_all(int fd) {
 
 void CountingTimer::timerExpired() {
   ++expired;
-  if (on_expired) on_expired();
+  call_copy(on_expired);
 }
 
 void CountingTimer::timerStopped() {
   ++stopped;
-  if (on_stopped) on_stopped();
+  call_copy(on_stopped);
 }
 
 void RecordingAIO::aioReady(VrnFile* file) {
   ++ready;
   if (on_ready) {
-    on_ready(file);
+    call_copy(on_ready, file);
   } else if (input) {
     received += read_all(file->fd);
   }
@@ -59,13 +66,13 @@ void RecordingAIO::aioReady(VrnFile* file) {
 
 void RecordingAIO::aioCancelled(VrnFile* file, bool hangup, bool err) {
   cancelled.push_back({file, hangup, err});
-  if (on_cancelled) on_cancelled();
+  call_copy(on_cancelled);
 }
 
 void RecordingReceiver::aioReady(VrnFile* file) {
   ++ready;
   if (on_ready) {
-    on_ready(file);
+    call_copy(on_ready, file);
   } else {
     received += read_all(file->fd);
   }
@@ -73,17 +80,17 @@ void RecordingReceiver::aioReady(VrnFile* file) {
 
 void RecordingReceiver::aioRemoved(VrnFile* file, bool hangup, bool err) {
   removed.push_back({file, hangup, err});
-  if (on_removed) on_removed();
+  call_copy(on_removed);
 }
 
 void RecordingHandler::signalReceived(int signo) {
   received.push_back(signo);
-  if (on_received) on_received();
+  call_copy(on_received);
 }
 
 void RecordingHandler::signalStopped(int signo) {
   stopped.push_back(signo);
-  if (on_stopped) on_stopped();
+  call_copy(on_stopped);
 }
 
 Connection::Connection(const std::string& name) {
