@@ -85,7 +85,7 @@ void ImplAppShell::unsafe_start(int argc, const char* const* argv) {
   gnl_init_ctrl ctrl{};
   if (!parse_command_line(argc, argv, &ctrl)) return;
   configure();
-  if (!late_evtmgr) VrnAppShell::evtmgr = VrnEvtMgr::instance(0);
+  if (!late_evtmgr) VrnAppShell::evtmgr = take_event_manager();
   if (daemon_requested) {
     daemonise(workdir.c_str());
     ctrl.flags |= GNL_INIT_DAEMON;
@@ -93,7 +93,7 @@ void ImplAppShell::unsafe_start(int argc, const char* const* argv) {
   if (gnl_init(&ctrl) != 0) throw VrnException(10, "Initialisation failed [%s]", gnl_usrmsg);
   errno = 0;
   if (owner->appInit() != 0) terminate();
-  VrnEvtMgr* const evtmgr = VrnEvtMgr::instance(0);
+  VrnEvtMgr* const evtmgr = take_event_manager();
   VrnAssertFull(evtmgr != nullptr, "AppShell: No Event Manager !");
   // Not written again when it is set: threads of the application may be reading it.
   if (VrnAppShell::evtmgr != evtmgr) VrnAppShell::evtmgr = evtmgr;
@@ -102,6 +102,12 @@ void ImplAppShell::unsafe_start(int argc, const char* const* argv) {
   if (daemon_requested) daemonise(workdir.c_str());
   vrnlog(4, "AppShell.start - %s entering appRun()", title.c_str());
   owner->appRun();
+}
+
+VrnEvtMgr* ImplAppShell::take_event_manager() {
+  VrnEvtMgr* const evtmgr = VrnEvtMgr::instance(0);
+  if (const auto native = dynamic_cast<VrnEvtMgrNative*>(evtmgr)) native->run_expected = true;
+  return evtmgr;
 }
 
 // False: the start ends here, quietly.

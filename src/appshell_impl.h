@@ -24,6 +24,7 @@ struct ImplAppShell : VrnSignalHandler {
   int start(int argc, const char* const* argv) noexcept;
   void unsafe_start(int argc, const char* const* argv);
   bool parse_command_line(int argc, const char* const* argv, gnl_init_ctrl* ctrl);
+  static VrnEvtMgr* take_event_manager();
   void configure();
   void daemonise(const char* directory);
   void run();

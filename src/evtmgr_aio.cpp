@@ -7,8 +7,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-
 // The part of the native event manager that watches descriptors.
 namespace vornfc {
 
@@ -64,6 +62,9 @@ void VrnEvtMgrNative::syncstopAIO(VrnFile* file, VrnAIO* aio, bool notify, bool 
 bool VrnEvtMgrNative::start_watch(VrnFile* file, VrnAIO* aio) {
   check_watch(file, aio);
   if (dead) return false;
+  VrnAssertFull(!file->impl || !file->impl->closed,
+                "EvtMgr: File %s=%d is closed, its watcher threw; AIO=%s", file->name(), file->fd,
+                aio->tag.c_str());
   VrnAssertFull(file->fd >= 0, "EvtMgr: File %s has no descriptor for AIO=%s", file->name(),
                 aio->tag.c_str());
   const auto fd = static_cast<size_t>(file->fd);
@@ -218,12 +219,9 @@ void VrnEvtMgrNative::call_ready(int fd, unsigned serial, size_t slot) {
   aio->aioReady(file);
 }
 
-void VrnEvtMgrNative::drop_listing(VrnFile* file, VrnAIO* aio) {
-  auto& listed_by = file->impl->listed_by;
-  const auto it = std::find(listed_by.begin(), listed_by.end(), aio);
-  if (it == listed_by.end()) return;
-  listed_by.erase(it);
-  aio->drop_file(aio, file);
+void VrnEvtMgrNative::drop_listings(VrnFile* file) {
+  for (VrnAIO* aio : file->impl->listed_by) aio->drop_file(aio, file);
+  file->impl->listed_by.clear();
 }
 
 // A watcher's callback threw: its descriptor is closed, here and not again by the file, and its
@@ -235,12 +233,12 @@ void VrnEvtMgrNative::end_thrown_watch(int fd, unsigned serial) {
   if (record.pidx == -1 || record.serial != serial) return;  // the callback itself ended it
   const size_t slot = record.aios[0] == curaio ? 0 : 1;
   if (record.aios[slot] != curaio) return;
-  VrnAIO* const thrower = record.aios[slot];
   VrnAIO* const other = record.aios[1 - slot];
   VrnFile* const file = record.file;
   clear_slot(&record, slot);
   if (other) clear_slot(&record, 1 - slot);
-  drop_listing(file, thrower);
+  drop_listings(file);
+  registrar->voidRequests(file);
   close(fd);
   file->impl->owns = false;
   file->impl->closed = true;

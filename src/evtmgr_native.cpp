@@ -274,6 +274,7 @@ void VrnEvtMgrNative::dispatcherStopped() {
 
 void VrnEvtMgrNative::abandon() {
   VrnMutexGuard guard(&mutex);
+  run_expected = false;
   if (running || ended) return;
   guard.clear();
   ended = true;
@@ -413,6 +414,15 @@ void VrnEvtMgrNative::unqueue(VrnTimer* timer) {
 
 // ---- objects that end ----
 
+bool VrnEvtMgrNative::withdraw(VrnTimer* timer) {
+  const Lock lock(registry);
+  VrnEvtMgrNative* const mgr = native_manager;
+  if (!mgr || mgr->running || mgr->run_expected) return false;
+  mgr->registrar->voidRequests(timer);
+  mgr->unqueue(timer);
+  return true;
+}
+
 void VrnEvtMgrNative::forget(VrnTimer* timer) {
   Lock lock(registry);
   if (!end_callbacks(&lock, timer)) return;
@@ -429,8 +439,7 @@ void VrnEvtMgrNative::forget(VrnAIO* aio) {
 
 void VrnEvtMgrNative::forget(VrnFile* file) {
   Lock lock(registry);
-  for (VrnAIO* aio : file->impl->listed_by) aio->drop_file(aio, file);
-  file->impl->listed_by.clear();
+  drop_listings(file);
   if (!end_callbacks(&lock, file)) return;
   wait(&lock, [&] { return file->impl->stopping == 0; });
   if (!native_manager) return;

@@ -79,7 +79,7 @@ VrnTimer& VrnTimer::operator=(const VrnTimer& other) {
 VrnTimer::~VrnTimer() {
   bool idle = false;
   try {
-    idle = stopTimer(false);
+    idle = stopTimer(false) || VrnEvtMgrNative::withdraw(this);
   } catch (...) {
     vrnlog(1, "VrnTimer: Failed to stop %s [%s]", tmrtag(), VrnException::handler().c_str());
   }

@@ -131,6 +131,10 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   // No loop will run (any more): stops are confirmed, and from now on complete at once.
   void abandon();
 
+  // Takes a timer back whose stop waits for a loop, when no loop runs or is to run. False: one
+  // does.
+  static bool withdraw(VrnTimer* timer);
+
   // The sync operations for a caller that holds the registry lock; those that call back do so with
   // `lock` released, and leave it so.
   using Lock = std::unique_lock<std::mutex>;
@@ -148,7 +152,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   bool unregister(const VrnFile* file);
   void clear_slot(iofile_t* record, size_t slot);
   void remove_entry(iofile_t* record);
-  static void drop_listing(VrnFile* file, VrnAIO* aio);
+  static void drop_listings(VrnFile* file);
   static void check_watch(const VrnFile* file, const VrnAIO* aio);
   void unqueue(VrnTimer* timer);
   bool in_callback(const void* object) const;
@@ -184,10 +188,11 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   bool throwtasks = false;
   int timerprec = 1000;
 
-  const pthread_t owner;               // its requests go through the registrar
-  std::atomic<pthread_t> loop_thread;  // runs the dispatcher, and with it the callbacks
-  bool ended = false;                  // the loop has run
-  bool running = false;                // guarded by mutex
+  const pthread_t owner;                  // its requests go through the registrar
+  std::atomic<pthread_t> loop_thread;     // runs the dispatcher, and with it the callbacks
+  bool ended = false;                     // the loop has run
+  std::atomic<bool> run_expected{false};  // the application shell is about to run the loop
+  std::atomic<bool> running{false};       // changed under mutex
   VrnMutex mutex;
   std::unique_ptr<AsyncRegistrar> registrar;
 };

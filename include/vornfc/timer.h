@@ -16,10 +16,11 @@ struct ImplTimer;
 /// and from its own callbacks. The event manager is `VrnAppShell::evtmgr`.
 ///
 /// Lifetime: the owner stops the timer before destroying it; on the dispatcher thread that means
-/// waiting for timerStopped(). A timer destroyed while active ends the process with exit(1).
-/// Locks: an operation takes the timer's own lock unless `locked` says that the caller holds it.
-/// Times are not normalised: a microseconds part of a million or more is kept and counted.
-/// Every operation that takes a lock throws VrnException 2 when it cannot be taken.
+/// waiting for timerStopped(). A timer destroyed while active ends the process with exit(1), unless
+/// no dispatcher runs, or is about to, that could have stopped it. Locks: an operation takes the
+/// timer's own lock unless `locked` says that the caller holds it. Times are not normalised: a
+/// microseconds part of a million or more is kept and counted. Every operation that takes a lock
+/// throws VrnException 2 when it cannot be taken.
 class VORNFC_EXPORT VrnTimer {
  public:
   explicit VrnTimer(const std::string& name);  ///< `name` is for log lines; empty: the address
