@@ -4,6 +4,7 @@
 #include "file_impl.h"
 #include "text.h"
 #include "timer_impl.h"
+#include "vornfc/appshell.h"
 #include "vornfc/exception.h"
 #include "vornfc/utils.h"
 
@@ -417,7 +418,8 @@ void VrnEvtMgrNative::unqueue(VrnTimer* timer) {
 bool VrnEvtMgrNative::withdraw(VrnTimer* timer) {
   const Lock lock(registry);
   VrnEvtMgrNative* const mgr = native_manager;
-  if (!mgr || mgr->running || mgr->run_expected) return false;
+  if (!mgr) return !VrnAppShell::evtmgr;  // false: the application has one of another kind
+  if (mgr->running || mgr->run_expected) return false;
   mgr->registrar->voidRequests(timer);
   mgr->unqueue(timer);
   return true;
