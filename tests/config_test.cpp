@@ -29,15 +29,16 @@ namespace {
 std::atomic<long> allocations{0};
 }
 
-void* operator new(std::size_t size) {
+// Counts; gives way to the operators of a sanitizer that insists on its own.
+__attribute__((weak)) void* operator new(std::size_t size) {
   ++allocations;
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+__attribute__((weak)) void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+__attribute__((weak)) void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
@@ -415,6 +416,7 @@ TEST_F(ConfigTest, MissingIndex) {
 }
 
 TEST_F(ConfigTest, LookUpAllocatesNothingBeyondTheCopy) {
+  if (allocations == 0) GTEST_SKIP() << "the sanitizer has its own operator new";
   const std::string long_text(100, 'x');
   const VrnConfig config = parse("[a long name of a group]\nan item with a long name=short;" +
                                  long_text + "\nflag=yes\nnumber=42\n");

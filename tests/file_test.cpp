@@ -42,11 +42,11 @@ namespace {
 
 struct Calls {
   std::atomic<int> getfl{0}, setfl{0}, reads{0}, writes{0}, usleeps{0}, alarms{0};
-  std::atomic<int> setfl_error{0};           // not 0: F_SETFL fails with it
-  std::atomic<unsigned> alarm_args[64]{};    // the arguments of the first alarm() calls, in order
+  std::atomic<int> setfl_error{0};         // not 0: F_SETFL fails with it
+  std::atomic<unsigned> alarm_args[64]{};  // the arguments of the first alarm() calls, in order
   std::atomic<useconds_t> last_usleep{0};
-  std::atomic<int> alarm_usec{0};            // not 0: an alarm() of whole seconds takes so long
-  std::atomic<int> live{0};                  // objects that live in the frames of the calls below
+  std::atomic<int> alarm_usec{0};  // not 0: an alarm() of whole seconds takes so long
+  std::atomic<int> live{0};        // objects that live in the frames of the calls below
 };
 
 Calls calls;
@@ -296,8 +296,8 @@ TEST_F(FileTest, IsAssignedOnlyOnce) {
   auto file = std::make_unique<VrnFile>();
   file->assign(pipe.out, "first", false);
   EXPECT_EQ(failure_of([&] { file->assign(pipe.in, "second", true); }),
-            Failure(3, "VrnFile: Assigning second=" + std::to_string(pipe.in) + " to first=" +
-                           std::to_string(pipe.out)));
+            Failure(3, "VrnFile: Assigning second=" + std::to_string(pipe.in) +
+                           " to first=" + std::to_string(pipe.out)));
   EXPECT_EQ(file->fd, pipe.out);
   EXPECT_STREQ(file->name(), "first");
   file.reset();
@@ -588,8 +588,8 @@ TEST_F(FileTest, ReadErrorIsLoggedAndLeftInErrno) {
   EXPECT_EQ(VrnFile::bread(fd, buf, 4, false, 0, &eof), -1);
   EXPECT_EQ(errno, EBADF);
   EXPECT_FALSE(eof);
-  EXPECT_EQ(log.lines(), Lines{"Read failed on fd=" + std::to_string(fd) +
-                               ", retval=-1 after 0/4 (errno=9)"});
+  EXPECT_EQ(log.lines(),
+            Lines{"Read failed on fd=" + std::to_string(fd) + ", retval=-1 after 0/4 (errno=9)"});
 }
 
 TEST_F(FileTest, WriteErrorIsLoggedAndLeftInErrno) {
@@ -824,7 +824,9 @@ TEST_F(FileTest, PendingAlarmIsLostWhenTheTransferTimesOut) {
 
 // A handler that tells whether the alarm is the caller's own again.
 volatile sig_atomic_t callers_alarms = 0;
-void on_alarm(int) { callers_alarms = callers_alarms + 1; }
+void on_alarm(int) {
+  callers_alarms = callers_alarms + 1;
+}
 
 class AlarmActionTest : public FileTest {
  protected:
@@ -953,7 +955,9 @@ class BombardedTransfer : public testing::Test {
 
   // The byte at a position of the stream. The period is no power of two, so a lost or repeated
   // block of any usual size shows.
-  static char byte_at(unsigned long position) { return static_cast<char>(position % 251); }
+  static char byte_at(unsigned long position) {
+    return static_cast<char>(position % 251);
+  }
 
   // read() and write() on the peer's side, which an alarm may interrupt as well.
   ssize_t take(char* buf, size_t size) const {
@@ -1035,7 +1039,9 @@ class BombardedTransfer : public testing::Test {
   static void set_alarm(unsigned long random) {
     calls.alarm_usec = 1 + static_cast<int>(random % 60);
   }
-  static int timeout(int i) { return i % 2 == 0 ? 1 : -1; }
+  static int timeout(int i) {
+    return i % 2 == 0 ? 1 : -1;
+  }
   void count(int done, int len) {
     ASSERT_GE(done, 0) << "errno " << errno;
     ASSERT_LE(done, len);

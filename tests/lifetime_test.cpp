@@ -1,5 +1,6 @@
 // A request never outlives its object: whatever is destroyed while something is asked for it, or
-// registered for it, is never touched afterwards. The address sanitizer is the judge of most of this.
+// registered for it, is never touched afterwards. The address sanitizer is the judge of most of
+// this.
 
 #include "support/loop.h"
 #include "support/polling.h"
@@ -111,10 +112,11 @@ TEST_F(LifetimeTest, TimerRestartedByItsStopIsDestroyedElsewhere) {
     timer->stopTimer();
     timer->startTimer(0, 0, 0, 0);
   });
-  loop.when([&] { return timer->expired == 1; }, [&] {
-    timer->startTimer(60, 0, 0, 0);
-    elsewhere([&] { timer.reset(); });
-  });
+  loop.when([&] { return timer->expired == 1; },
+            [&] {
+              timer->startTimer(60, 0, 0, 0);
+              elsewhere([&] { timer.reset(); });
+            });
   let_it_turn();
 }
 
@@ -582,16 +584,15 @@ TEST_F(LifetimeTest, ManagerDestroyedBeforeAHandler) {
 
 // ---- random walks ----
 
-// Objects of every kind in numbered places, and steps that do anything to any of them: from callbacks
-// of the objects themselves, from a timer that is due in every turn, and outside the loop. Time
-// passes in poll() alone, so a seed gives the same walk again.
+// Objects of every kind in numbered places, and steps that do anything to any of them: from
+// callbacks of the objects themselves, from a timer that is due in every turn, and outside the
+// loop. Time passes in poll() alone, so a seed gives the same walk again.
 class Walk {
  public:
-  explicit Walk(unsigned seed) : random(seed), driver(this), stand_in([this](pollfd* entries,
-                                                                             nfds_t count,
-                                                                             int timeout) {
-    return wait(entries, count, timeout);
-  }) {}
+  explicit Walk(unsigned seed)
+      : random(seed), driver(this), stand_in([this](pollfd* entries, nfds_t count, int timeout) {
+          return wait(entries, count, timeout);
+        }) {}
   Walk(const Walk&) = delete;
   Walk& operator=(const Walk&) = delete;
   ~Walk() { sys::set_poll(nullptr); }

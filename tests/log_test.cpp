@@ -72,15 +72,16 @@ ssize_t write(int fd, const void* data, size_t size) {
   return syscall(SYS_write, fd, data, size);
 }
 
-void* operator new(std::size_t size) {
+// Counts; gives way to the operators of a sanitizer that insists on its own.
+__attribute__((weak)) void* operator new(std::size_t size) {
   ++allocations;
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+__attribute__((weak)) void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
+__attribute__((weak)) void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 
@@ -321,6 +322,7 @@ TEST_F(LogTest, AnInterruptedWriteIsTriedAgain) {
 }
 
 TEST_F(LogTest, ARecordAllocatesNothing) {
+  if (allocations == 0) GTEST_SKIP() << "the sanitizer has its own operator new";
   VrnLog log("app", path("log").c_str(), HOURLY, 3, "%c", MICRO);
   log.log(3, "opens the file");
   const long before = allocations;
@@ -587,6 +589,8 @@ TEST_F(LogTest, FailedCycleIsReportedEveryTimeAndTriedAgain) {
 
 TEST_F(LogTest, RecordsResumeWhenThereAreDescriptorsAgain) {
   VrnLog log("app", path("log").c_str(), HOURLY, 3, "", NONE);
+  // A sanitizer needs descriptors to look at a type for the first time.
+  EXPECT_THROW(VrnLog("app", "/nowhere/log", 1, 3, "", NONE), VrnException);
   struct rlimit before;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
   struct rlimit none = before;

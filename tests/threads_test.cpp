@@ -108,8 +108,7 @@ class ThreadsTest : public testing::Test {
       const auto start = steady_clock::now();
       call();
       EXPECT_TRUE(wait_for(answered));
-      best = std::min(best,
-                      std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
+      best = std::min(best, std::chrono::duration_cast<milliseconds>(steady_clock::now() - start));
     }
     return best;
   }
@@ -234,14 +233,14 @@ TEST_F(ThreadsTest, FileStartedElsewhereReachesItsReceiverPromptly) {
   };
   run_while([&] {
     int before = 0;
-    EXPECT_LT(best_time([&] { receiver.aioStart(&connection.file); },
-                        [&] { return ready > before; },
-                        [&] {
-                          EXPECT_TRUE(receiver.aioStop(&connection.file));
-                          before = ready;
-                          connection.send("x");
-                        }),
-              prompt);
+    EXPECT_LT(
+        best_time([&] { receiver.aioStart(&connection.file); }, [&] { return ready > before; },
+                  [&] {
+                    EXPECT_TRUE(receiver.aioStop(&connection.file));
+                    before = ready;
+                    connection.send("x");
+                  }),
+        prompt);
     EXPECT_EQ(receiver.aioTerminate(), 0);
   });
 }
@@ -545,7 +544,8 @@ class DeadlockTest : public ThreadsTest {
 
 TEST_F(DeadlockTest, CallbackOfATimerMayWaitForTheThreadThatStopsIt) {
   CountingTimer timer("t", [&] { wait_for_stop(); });
-  expect_no_deadlock([&] { timer.startTimer(0, 0, 0, 0); }, [&] { EXPECT_TRUE(timer.stopTimer()); });
+  expect_no_deadlock([&] { timer.startTimer(0, 0, 0, 0); },
+                     [&] { EXPECT_TRUE(timer.stopTimer()); });
 }
 
 TEST_F(DeadlockTest, CallbackOfAWatcherMayWaitForTheThreadThatStopsIt) {
@@ -573,7 +573,8 @@ TEST_F(DeadlockTest, CallerThatHoldsTheLockDoesNotWaitAtAll) {
                        timer.lock();
                        const auto begin = steady_clock::now();
                        EXPECT_TRUE(timer.stopTimer(true));
-                       taken = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
+                       taken =
+                           std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
                        timer.unlock();
                      });
   EXPECT_LT(taken, milliseconds(90));  // less than the moment that a stop gives
@@ -718,13 +719,21 @@ class Pounding : public ThreadsTest {
   std::atomic<int> wrong_polls{0};
 };
 
-TEST_F(Pounding, TimersComeAndGo) { pound({timers}); }
+TEST_F(Pounding, TimersComeAndGo) {
+  pound({timers});
+}
 
-TEST_F(Pounding, WatchersComeAndGo) { pound({watchers}); }
+TEST_F(Pounding, WatchersComeAndGo) {
+  pound({watchers});
+}
 
-TEST_F(Pounding, ReceiversComeAndGo) { pound({receivers}); }
+TEST_F(Pounding, ReceiversComeAndGo) {
+  pound({receivers});
+}
 
-TEST_F(Pounding, AllKindsOfObjectsComeAndGo) { pound({timers, watchers, receivers}); }
+TEST_F(Pounding, AllKindsOfObjectsComeAndGo) {
+  pound({timers, watchers, receivers});
+}
 
 // One timer that everybody starts and stops, its own callback included.
 TEST_F(ThreadsTest, OneTimerInManyHands) {

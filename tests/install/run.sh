@@ -37,6 +37,7 @@ expect_all() {
 "$cmake" --install "$build" --prefix "$prefix" >/dev/null
 pc_file=$(find "$prefix" -name vornfc.pc)
 [ -n "$pc_file" ] || fail "no vornfc.pc was installed"
+"$prefix/bin/vornfc-conf" --version || fail "vornfc-conf does not run where it was installed"
 PKG_CONFIG_PATH=$(dirname "$pc_file")
 LD_LIBRARY_PATH=$(dirname "$PKG_CONFIG_PATH")
 export PKG_CONFIG_PATH LD_LIBRARY_PATH
