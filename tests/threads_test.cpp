@@ -294,7 +294,7 @@ TEST_F(ThreadsTest, WatchStoppedElsewhereLeavesNoBusyLoop) {
     let_it_sleep();
     const int so_far = polls;
     std::this_thread::sleep_for(milliseconds(100));
-    EXPECT_LE(polls, so_far + 1);
+    EXPECT_LE(polls, so_far + 10);  // a busy loop makes thousands
   });
 }
 
