@@ -68,7 +68,7 @@ std::string dump(const vornfc::VrnConfig& config) {
   std::FILE* stream = open_memstream(&text, &size);
   config.dump(stream);
   std::fclose(stream);
-  const std::string result(text, size);
+  std::string result(text, size);
   std::free(text);
   return result;
 }

@@ -72,6 +72,11 @@ void dump_item(std::FILE* stream, const std::string& name, const item_t& item) {
   std::fprintf(stream, "\n");
 }
 
+std::string notifier_name(const VrnConfig* config) {
+  if (!config) throw VrnException(3, "VrnConfigMgr: Null VrnConfig");
+  return "Config=" + config->filename();
+}
+
 }  // namespace
 
 struct ImplConfig {
@@ -225,10 +230,7 @@ void VrnConfig::dump(std::FILE* stream) const {
 }
 
 VrnConfigMgr::VrnConfigMgr(VrnConfig* cfg, const std::string& topGroup)
-    : VrnNotifier((VrnAssertBasic(cfg != nullptr, "VrnConfigMgr: Null VrnConfig"),
-                   "Config=" + cfg->filename())),
-      config(cfg),
-      group(topGroup) {}
+    : VrnNotifier(notifier_name(cfg)), config(cfg), group(topGroup) {}
 
 VrnConfigMgr::~VrnConfigMgr() {
   delete config;

@@ -241,7 +241,7 @@ void ImplLog::close_file() {
 // A cycle that failed leaves no file open, and so is tried again whatever the stamp.
 bool ImplLog::cycle(const struct tm* now) {
   if (cyclefreq == Never) return false;
-  VrnAssertBasic(now != nullptr, "VrnLog.cycle: Null time");
+  if (!now) throw VrnException(3, "VrnLog.cycle: Null time");
   const unsigned long stamp = stamp_of(*now);
   const Period period = period_of(cyclefreq);
   if (flog && stamp / period.divisor == cyclestamp / period.divisor) return false;
@@ -316,7 +316,9 @@ VrnLog* VrnLog::create(const char* apptag, const char* filename, const char* lev
 }
 
 VrnLog* VrnLog::configCreate(VrnConfig* cfg, const std::string& group, const char* apptag) {
-  VrnAssertFull(cfg != nullptr, "VrnLog.configCreate: Null VrnConfig for group=%s", group.c_str());
+  if (!cfg) {
+    throw VrnException(3, "VrnLog.configCreate: Null VrnConfig for group=%s", group.c_str());
+  }
   if (!apptag && !cfg->exists(group)) {
     throw VrnException(9, "Config: Logger group=%s is missing", group.c_str());
   }

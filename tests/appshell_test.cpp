@@ -104,8 +104,8 @@ class App : public VrnAppShell {
     return setup_result;
   }
   int appParseArg(int isSwitch, int opt, const char* arg) override {
-    std::string call = isSwitch ? std::string("-") + static_cast<char>(opt)
-                                : "parameter " + std::to_string(opt);
+    std::string call =
+        isSwitch ? std::string("-") + static_cast<char>(opt) : "parameter " + std::to_string(opt);
     words.push_back(call + "=" + (arg ? arg : "<NULL>"));
     if (on_word) on_word();
     return word_result;
@@ -215,7 +215,8 @@ TEST_F(AppShellTest, ObjectIsTheOnlyOneFromItsConstructionOn) {
 TEST_F(AppShellTest, SecondObjectIsRefused) {
   LogCapture log;
   const App app;
-  EXPECT_EQ(failure_of([] { const VrnAppShell second(nullptr, "b", nullptr, nullptr); }), Failure(6, "Duplicate VrnAppShell"));
+  EXPECT_EQ(failure_of([] { const VrnAppShell second(nullptr, "b", nullptr, nullptr); }),
+            Failure(6, "Duplicate VrnAppShell"));
   EXPECT_EQ(VrnAppShell::singleton, &app);
   char text[64];
   std::snprintf(text, sizeof text, "Duplicate VrnAppShell - old=0x%x, new=0x",
@@ -467,9 +468,9 @@ TEST_F(AppShellTest, StopMayBeRepeatedAndTellsSo) {
   app.dispatches = true;
   EXPECT_EQ(app.run(), 0);
   app.appTerminate();
-  expect_in_order(log, {"AppShell.terminate: stopflag=No [app]",
-                        "AppShell.terminate: stopflag=Yes [app]", "AppShell.shutdown - app",
-                        "AppShell.terminate: stopflag=Yes [app]"});
+  expect_in_order(
+      log, {"AppShell.terminate: stopflag=No [app]", "AppShell.terminate: stopflag=Yes [app]",
+            "AppShell.shutdown - app", "AppShell.terminate: stopflag=Yes [app]"});
 }
 
 // ---- the command line ----

@@ -47,7 +47,7 @@ namespace {
 using Texts = std::vector<std::string>;
 
 class ConfigTest : public testing::Test {
- protected:
+ public:
   ConfigTest() {
     char name[] = "/tmp/vornfc_config_test_XXXXXX";
     dir = mkdtemp(name);
@@ -55,6 +55,7 @@ class ConfigTest : public testing::Test {
   }
   ~ConfigTest() override { std::filesystem::remove_all(dir); }
 
+ protected:
   void write(const std::string& text) const { std::ofstream(file, std::ios::binary) << text; }
 
   VrnConfig parse(const std::string& text) const {
@@ -89,7 +90,7 @@ class ConfigTest : public testing::Test {
     std::FILE* stream = open_memstream(&text, &size);
     config.dump(stream);
     std::fclose(stream);
-    const std::string result(text, size);
+    std::string result(text, size);
     std::free(text);
     return result;
   }

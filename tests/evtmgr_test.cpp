@@ -55,7 +55,7 @@ std::string address(const void* object) {
 
 class InstanceTest : public testing::Test {
  protected:
-  ~InstanceTest() override { VrnEvtMgr::destroy(); }
+  void TearDown() override { VrnEvtMgr::destroy(); }
 
   LogCapture log;
 };
@@ -250,6 +250,12 @@ class EvtMgrTest : public testing::Test {
     return std::find(all.begin(), all.end(), line) != all.end();
   }
 
+  // What the end of a run without timers says first, as long as no table has grown.
+  static std::string stopped_line(const std::string& dead, int watched) {
+    return "EvtMgr.dispatcherStopped: Enter with with dead=" + dead +
+           " - tmrq=0, pollfds=" + std::to_string(watched) + " (cap=128), iofiles=128 (cap=128)";
+  }
+
   LogCapture log;
   Loop loop;
 };
@@ -264,9 +270,7 @@ TEST_F(EvtMgrTest, WholeRunInLines) {
   loop.run();
   EXPECT_EQ(lines_from("EvtMgr.dispatcher"),
             (Lines{"EvtMgr.dispatcher - tmrq=0, pollfds=0, deadflag=0", "EvtMgr.stop",
-                   "AsyncRegistrar: Cancelled - hangup=Yes, err=No",
-                   "EvtMgr.dispatcherStopped: Enter with with dead=Yes - tmrq=0, pollfds=0 "
-                   "(cap=128), iofiles=128 (cap=128)",
+                   "AsyncRegistrar: Cancelled - hangup=Yes, err=No", stopped_line("Yes", 0),
                    "AsyncRegistrar.dispatcherStopped: Enter with unreg_reqs=0",
                    "EvtMgr: After dispatcher shutdown, tmrq=0, pollfds=0"}));
 }
@@ -532,11 +536,9 @@ TEST_F(EvtMgrTest, FailedWaitEndsTheLoop) {
   elsewhere([&] { loop.mgr->startAIO(&connection.file, &reader); });
   sys::fail_next("poll", EBADF);
   loop.run();
+  const std::string error = "VrnException: Error=2 (errno=9) - poll() on 2 files failed";
   EXPECT_EQ(lines_from("EvtMgr: Error"),
-            (Lines{"EvtMgr: Error in dispatcher [VrnException: Error=2 (errno=9) - poll() on 2 "
-                   "files failed]",
-                   "EvtMgr.dispatcherStopped: Enter with with dead=No - tmrq=0, pollfds=2 "
-                   "(cap=128), iofiles=128 (cap=128)",
+            (Lines{"EvtMgr: Error in dispatcher [" + error + "]", stopped_line("No", 2),
                    "AsyncRegistrar: Cancelled - hangup=No, err=Yes",
                    "AsyncRegistrar.dispatcherStopped: Enter with unreg_reqs=0",
                    "EvtMgr: After dispatcher shutdown, tmrq=0, pollfds=1",
@@ -561,9 +563,7 @@ TEST_F(EvtMgrTest, LoopWithNothingLeftEnds) {
   loop.on_dispatcher([&] { unwatch_pipe(loop); });
   loop.run();
   EXPECT_EQ(lines_from("EvtMgr has"),
-            (Lines{"EvtMgr has run out of events - aborting",
-                   "EvtMgr.dispatcherStopped: Enter with with dead=No - tmrq=0, pollfds=0 "
-                   "(cap=128), iofiles=128 (cap=128)",
+            (Lines{"EvtMgr has run out of events - aborting", stopped_line("No", 0),
                    "AsyncRegistrar.dispatcherStopped: Enter with unreg_reqs=0",
                    "EvtMgr: After dispatcher shutdown, tmrq=0, pollfds=0"}));
 }

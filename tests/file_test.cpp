@@ -218,12 +218,13 @@ struct Joined : std::thread {
 
 // What the library calls while a test runs, counted from zero.
 class FileTest : public testing::Test {
- protected:
+ public:
   ~FileTest() override {
     before_call = nullptr;
     after_call = nullptr;
   }
 
+ protected:
   // `hook` runs before (after) each read() and write() of the library.
   void before(std::function<bool(ssize_t*)> hook) {
     before_hook = std::move(hook);

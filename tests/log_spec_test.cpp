@@ -30,7 +30,7 @@ namespace {
 using Log = std::unique_ptr<VrnLog>;
 
 class LogSpecTest : public testing::Test {
- protected:
+ public:
   LogSpecTest() {
     setenv("TZ", "UTC", 1);
     char name[] = "/tmp/vornfc_log_spec_test_XXXXXX";
@@ -39,6 +39,7 @@ class LogSpecTest : public testing::Test {
   }
   ~LogSpecTest() override { std::filesystem::remove_all(dir); }
 
+ protected:
   static void expect_error(int code, const std::string& text, const std::function<void()>& action) {
     try {
       action();

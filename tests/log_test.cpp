@@ -130,7 +130,7 @@ std::vector<std::string> lines_of(const std::string& path) {
 
 // A directory of its own, the time zone UTC, and 15 November 2026, 13:05:09.042.
 class LogTest : public testing::Test {
- protected:
+ public:
   LogTest() {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -140,6 +140,7 @@ class LogTest : public testing::Test {
   }
   ~LogTest() override { std::filesystem::remove_all(dir); }
 
+ protected:
   std::string path(const std::string& name) const { return dir + "/" + name; }
 
   std::vector<std::string> files() const {
@@ -804,6 +805,7 @@ TEST_F(LogTest, ThreadsLoseAndMixNoRecordWhileFilesCycle) {
   {
     VrnLog log("app", path("log").c_str(), HOURLY, 3, "%y%m%d%H", NONE);
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int number = 0; number < THREADS; ++number) {
       threads.emplace_back([&log, number] {
         for (int record = 0; record < RECORDS; ++record) log.log(3, "%d:%d.", number, record);

@@ -34,7 +34,9 @@ using Record = std::array<void*, 4>;
 static_assert(sizeof(Record) == RECORD_SIZE);
 
 Record record_of(int type, void* first = nullptr, void* second = nullptr) {
-  return {reinterpret_cast<void*>(static_cast<std::intptr_t>(type)), first, second, nullptr};
+  const auto word = static_cast<std::intptr_t>(type);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
+  return {reinterpret_cast<void*>(word), first, second, nullptr};
 }
 
 void put(int fd, const Record& record) {
@@ -501,6 +503,7 @@ constexpr int MANY = 100000;
 
 void RegistrarTest::start_many_in_one_callback() {
   std::vector<std::unique_ptr<CountingTimer>> timers;
+  timers.reserve(MANY);
   int fired = 0;
   int out_of_order = 0;
   for (int i = 0; i < MANY; ++i) {
@@ -534,6 +537,7 @@ TEST_F(RegistrarTest, ManyStartsInOneCallbackWithTheSmallestPipe) {
 TEST_F(RegistrarTest, ManyStartsBeforeTheLoopRuns) {
   ASSERT_EQ(fcntl(loop.pipe_write_end, F_SETPIPE_SZ, 4096), 4096);
   std::vector<std::unique_ptr<CountingTimer>> timers;
+  timers.reserve(MANY);
   int fired = 0;
   int out_of_order = 0;
   for (int i = 0; i < MANY; ++i) {

@@ -167,8 +167,8 @@ TEST_F(TimerTest, StartOnAnotherThreadWakesTheLoop) {
   CountingTimer hour("hour");
   auto best = Clock::duration::max();
   loop.on_dispatcher([&] { hour.startTimer(3600, 0, 0, 0); });
-  std::vector<std::unique_ptr<CountingTimer>> timers;
-  for (int i = 0; i < 20; ++i) timers.emplace_back(new CountingTimer("t"));
+  std::vector<std::unique_ptr<CountingTimer>> timers(20);
+  for (auto& timer : timers) timer = std::make_unique<CountingTimer>("t");
   std::atomic<int> fired{0};
   Clock::time_point fired_at;
   for (auto& timer : timers) {
@@ -620,8 +620,7 @@ TEST_F(TimerTest, CallbacksRunWithoutTheLock) {
 
 TEST_F(TimerClockTest, CopyOfAnIdleTimerIsIdle) {
   const CountingTimer timer("t");
-  const CountingTimer copy(timer);
-  EXPECT_FALSE(is_set(copy));
+  EXPECT_FALSE(is_set(CountingTimer(timer)));
 }
 
 TEST_F(TimerClockTest, CopyOfAQueuedTimerFiresLikeIt) {

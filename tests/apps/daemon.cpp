@@ -1,0 +1,106 @@
+// A daemon that writes down what has become of its process. Its environment chooses how it starts:
+//   STATE        the file to write to when the loop runs
+//   DAEMON_LATE  set: the event manager is made after appInit()
+//   DAEMON_SELF  the directory for appDaemonise(), which appInit() then calls, twice
+//   DAEMON_FAIL  the text that this application's own gnl_init fails with
+#include "vornfc/appshell.h"
+#include "vornfc/config.h"
+#include "vornfc/notifier.h"
+#include "vornfc/timer.h"
+#include "vornfc/utils.h"
+#include "vornsupport/support.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+unsigned flags_at_init = 0;
+pid_t process_at_init = 0;
+
+}  // namespace
+
+extern "C" int gnl_init(gnl_init_ctrl* ctrl) {
+  flags_at_init = ctrl->flags;
+  process_at_init = getpid();
+  const char* const failure = std::getenv("DAEMON_FAIL");
+  if (!failure) return 0;
+  std::snprintf(gnl_usrmsg, GNL_USRMSG_SIZE, "%s", failure);
+  errno = EACCES;
+  return 1;
+}
+
+namespace {
+
+class Daemon : public vornfc::VrnAppShell, private vornfc::VrnObserver, private vornfc::VrnTimer {
+ public:
+  Daemon()
+      : VrnAppShell(nullptr, "daemon", nullptr, nullptr, std::getenv("DAEMON_LATE") != nullptr),
+        VrnTimer("state") {
+    std::atexit([] { std::fputs("at exit\n", stderr); });
+    std::printf("buffered\n");  // and not flushed: each process has it
+  }
+
+ private:
+  int appInit() override {
+    process_at_app_init = getpid();
+    appConfig()->attach(this);
+    if (const char* const directory = std::getenv("DAEMON_SELF")) {
+      appDaemonise(directory);
+      appDaemonise("/nonexistent");
+    }
+    // Behind all that was asked for until now.
+    if (evtmgr) startTimer(0, 0, 0, 0);
+    return 0;
+  }
+  void appRun() override {
+    if (std::getenv("DAEMON_LATE")) startTimer(0, 0, 0, 0);
+    VrnAppShell::appRun();
+  }
+  void appTerminated() override {
+    vornfc::vrnlog(1, "appTerminated");
+    if (appConfig()) appConfig()->detach(this);  // it outlives this observer
+  }
+
+  void timerExpired() override { write_state(); }
+  void timerStopped() override {}
+
+  void observerNotified(vornfc::VrnNotifier* from) override {
+    vornfc::vrnlog(1, "notified by %s: key=%s", from->notifierName().c_str(),
+                   appConfig()->config->value("main", "key", false, 0).c_str());
+  }
+  void observerDetached(vornfc::VrnNotifier*) override {}
+  std::string observerName() const override { return "daemon"; }
+
+  // Complete when it appears under its name.
+  void write_state() const {
+    const char* const path = std::getenv("STATE");
+    if (!path) return;
+    const mode_t mask = umask(0);
+    umask(mask);
+    char directory[PATH_MAX] = "?";
+    const char* const known = getcwd(directory, sizeof directory);
+    const std::string unfinished = std::string(path) + ".new";
+    std::FILE* const file = std::fopen(unfinished.c_str(), "w");
+    if (!file) return;
+    std::fprintf(file, "pid=%d\nsession=%d\ngroup=%d\n", getpid(), getsid(0), getpgrp());
+    std::fprintf(file, "directory=%s\numask=%o\nflags=%u\n", known ? known : "?",
+                 static_cast<unsigned>(mask), flags_at_init);
+    std::fprintf(file, "process_at_init=%d\nprocess_at_app_init=%d\n", process_at_init,
+                 process_at_app_init);
+    std::fclose(file);
+    std::rename(unfinished.c_str(), path);
+  }
+
+  pid_t process_at_app_init = 0;
+};
+
+Daemon app;
+
+}  // namespace

@@ -1,0 +1,2 @@
+// An application that forgot its application object: there is the library's main() and nothing
+// else.
