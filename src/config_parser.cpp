@@ -80,7 +80,6 @@ void ConfigParser::parse_line() {
   const std::size_t length = std::strlen(line);
   sink->onLine(lineno, {line, length});
   if (length == 0 || line[length - 1] != '\n') reject_line(length);
-  line[length - 1] = '\0';
   const std::string_view text = trimmed({line, length - 1});
   if (text.empty() || text.front() == '#') return;
   if (text.front() == '[') return parse_group(text);
@@ -88,12 +87,10 @@ void ConfigParser::parse_line() {
 }
 
 // The text does not end with a line end: the line has more than the buffer holds, or ends with the
-// file, or there is a NUL byte, with the line end behind it or not yet read. No earlier line has
-// left its line end in the buffer.
+// file, or there is a NUL byte. Behind a NUL byte the line end may follow in the buffer; if it does
+// not, the line fills the buffer and goes on in the file.
 void ConfigParser::reject_line(std::size_t length) {
-  char* line_end = static_cast<char*>(std::memchr(line, '\n', MAX_LINE));
-  unfinished = !line_end;
-  if (line_end) *line_end = '\0';
+  unfinished = !std::memchr(line, '\n', MAX_LINE);
   if (length == MAX_LINE - 1 || std::feof(in)) {
     fail("Line too long, max=" + std::to_string(MAX_LINE));
   }

@@ -409,7 +409,7 @@ TEST_F(AppShellTest, LoggerThatCannotBeMadeEndsTheProcess) {
   EXPECT_EXIT(start_without_logger(), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST_F(AppShellTest, LoggerComesFromTheEnvironmentWithoutASpecification) {
+TEST_F(AppShellTest, LoggerComesFromTheEnvironmentWithoutASpec) {
   const std::string path = file("");
   setenv("VORNTRC_FILENAME", path.c_str(), 1);
   setenv("VORNTRC_LEVEL", "4", 1);
@@ -935,7 +935,7 @@ TEST_F(AppShellTest, OldLoggerIsGoneBeforeTheNewOneIsMade) {
   EXPECT_NE(content(log_path).find("Logger Shutdown - flog=0x"), std::string::npos);
 }
 
-TEST_F(AppShellTest, NullSpecificationMakesALoggerFromTheEnvironment) {
+TEST_F(AppShellTest, NullSpecMakesALoggerFromTheEnvironment) {
   const std::string log_path = file("");
   setenv("VORNTRC_FILENAME", log_path.c_str(), 1);
   App app;

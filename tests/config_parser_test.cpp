@@ -195,8 +195,8 @@ TEST(ConfigParserTest, CopiedGroupNamesItsOwnItems) {
   original.reset();
   const group_t& group = copy.groups.at("G");
   ASSERT_EQ(group.itemnams.size(), 2u);
-  EXPECT_EQ(*group.itemnams[0], "b");
-  EXPECT_EQ(*group.itemnams[1], "a");
+  EXPECT_EQ(group.itemnams[0], &group.items.find("b")->first);
+  EXPECT_EQ(group.itemnams[1], &group.items.find("a")->first);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +19,8 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 using vornfc::VrnConfig;
@@ -295,6 +298,23 @@ TEST_F(ConfigTest, FileIsClosedAfterSuccessAndAfterAFault) {
   const int now = open("/dev/null", O_RDONLY);
   close(now);
   EXPECT_EQ(now, lowest_free);
+}
+
+// A pipe holds the parser in mid-file while its descriptor is looked at.
+TEST_F(ConfigTest, FileIsCloseOnExec) {
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+  std::thread reader([this] { VrnConfig config(file); });
+  const int writer = open(file.c_str(), O_WRONLY | O_CLOEXEC);
+  int found = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone) != file) continue;
+    ++found;
+    EXPECT_TRUE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC);
+  }
+  EXPECT_EQ(found, 2);  // the writer's and the parser's
+  close(writer);
+  reader.join();
 }
 
 TEST_F(ConfigTest, UpdateReadsTheFileAgain) {

@@ -13,7 +13,7 @@ namespace vornfc {
 ///
 /// Codes: 2 a system or pthread call failed; 3 programming error or failed assertion; 6 duplicate
 /// or missing singleton, or an invalid state of a singleton-like object; 8 bad host or port; 9
-/// configuration or logger specification; 10 initialisation failed; 12 socket bind failed.
+/// configuration or logger settings; 10 initialisation failed; 12 socket bind failed.
 class VORNFC_EXPORT VrnException : public std::runtime_error {
  public:
   /// Captures `errno` before anything else. The message is `fmt` with its arguments, cut silently

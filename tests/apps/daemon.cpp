@@ -19,7 +19,21 @@
 #include <cstdlib>
 #include <string>
 
+#if defined(__SANITIZE_THREAD__)
+#define EXIT_FLUSHES 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define EXIT_FLUSHES 1
+#endif
+#endif
+#ifndef EXIT_FLUSHES
+#define EXIT_FLUSHES 0
+#endif
+
 namespace {
+
+// The _exit() of the thread sanitizer flushes the streams, which no other does.
+constexpr int exit_flushes = EXIT_FLUSHES;
 
 unsigned flags_at_init = 0;
 pid_t process_at_init = 0;
@@ -94,6 +108,7 @@ class Daemon : public vornfc::VrnAppShell, private vornfc::VrnObserver, private 
                  static_cast<unsigned>(mask), flags_at_init);
     std::fprintf(file, "process_at_init=%d\nprocess_at_app_init=%d\n", process_at_init,
                  process_at_app_init);
+    std::fprintf(file, "exit_flushes=%d\n", exit_flushes);
     std::fclose(file);
     std::rename(unfinished.c_str(), path);
   }

@@ -1,5 +1,6 @@
 #!/bin/sh
 # day.sh APPLICATION: after a day of a daemon there are exactly the files and records there should be.
+# shellcheck source=tests/apps/expect.sh disable=SC2154  # the application writes some variables
 . "$(dirname "$0")/expect.sh"
 app=$1
 export TZ=UTC DAY_CONF="$dir/day.conf" DAY_LOG="$dir/logs/day" DAY_STATE="$dir/state"
@@ -16,8 +17,8 @@ await gone "$pid"
 expect [ "$ticks $reloads" = "960 100" ]
 
 # One file for each hour, named by its first record.
-expect [ "$(ls "$dir/logs" | tr '\n' ' ')" = "day-26111508 day-26111509 day-26111510 day-26111511 \
-day-26111512 day-26111513 day-26111514 day-26111515 " ]
+expect [ "$(cd "$dir/logs" && echo *)" = "day-26111508 day-26111509 day-26111510 day-26111511 \
+day-26111512 day-26111513 day-26111514 day-26111515" ]
 cat "$dir/logs"/day-* >"$dir/all"
 messages() { sed "s/^[^ ]* [A-Z]* day-$pid-[0-9]* //" "$dir/all"; }
 

@@ -1,5 +1,6 @@
 #!/bin/sh
 # lifecycle.sh APPLICATION: the life of a process, from its command line to its exit status.
+# shellcheck source=tests/apps/expect.sh disable=SC2154  # the application writes some variables
 . "$(dirname "$0")/expect.sh"
 app=$1
 name=$(basename "$app")
@@ -69,6 +70,7 @@ expect has "$dir/VORN.LOG" ' AppShell.args: VrnException: Error=9'
 
 # A logger that cannot be made at the beginning is the end.
 status=0
+# shellcheck disable=SC3045  # as in every sh of the systems meant
 (ulimit -c 0; VORNTRC_FILENAME=/nonexistent/log exec "$app" >"$dir/out" 2>"$dir/err") || status=$?
 expect [ "$status" -ne 0 ]
 expect [ ! -s "$dir/out" ]

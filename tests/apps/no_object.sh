@@ -1,5 +1,6 @@
 #!/bin/sh
 # no_object.sh APPLICATION: one without an application object says so and fails.
+# shellcheck source=tests/apps/expect.sh disable=SC2154  # the application writes some variables
 . "$(dirname "$0")/expect.sh"
 status=0
 "$1" 2>"$dir/err" || status=$?
