@@ -263,9 +263,7 @@ void VrnEvtMgrNative::dispatcherStopped() {
     VrnMutexGuard guard(&mutex);
     running = false;
   }
-  ended = true;
-  registrar->cancel(true);
-  registrar->dispatcherStopped();
+  close_registrar();
   size = sizes();
   vrnlog(4, "EvtMgr: After dispatcher shutdown, tmrq=%d, pollfds=%d", size.timers, size.pollfds);
   report_timers();
@@ -278,9 +276,17 @@ void VrnEvtMgrNative::abandon() {
   run_expected = false;
   if (running || ended) return;
   guard.clear();
-  ended = true;
   dead = true;
-  registrar->cancel(true);
+  close_registrar();
+}
+
+void VrnEvtMgrNative::close_registrar() {
+  ended = true;
+  try {
+    registrar->cancel(true);
+  } catch (...) {  // another watcher holds the pipe
+    vrnlog(1, "EvtMgr: Error in dispatcher [%s]", VrnException::handler().c_str());
+  }
   registrar->dispatcherStopped();
 }
 

@@ -130,6 +130,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
 
   // No loop will run (any more): stops are confirmed, and from now on complete at once.
   void abandon();
+  void close_registrar();
 
   // Takes a timer back whose stop waits for a loop, when no loop runs or is to run. False: one
   // does.
