@@ -141,6 +141,11 @@ class App : public VrnAppShell {
 const Lines all_hooks{"appSetup", "appInit", "appRun", "appTerminated"};
 
 class AppShellTest : public testing::Test {
+ public:
+  ~AppShellTest() override {
+    for (const std::string& path : files()) unlink(path.c_str());
+  }
+
  protected:
   AppShellTest() {
     static char name[] = "app";
@@ -156,9 +161,6 @@ class AppShellTest : public testing::Test {
     std::ofstream(path) << content;
     files().push_back(path);
     return path;
-  }
-  ~AppShellTest() override {
-    for (const std::string& path : files()) unlink(path.c_str());
   }
   static std::string content(const std::string& path) {
     std::ifstream in(path);

@@ -2,6 +2,7 @@
 // registered for it, is never touched afterwards. The address sanitizer is the judge of most of
 // this.
 
+#include "support/log_capture.h"
 #include "support/loop.h"
 #include "support/polling.h"
 #include "vornfc/appshell.h"
@@ -520,6 +521,32 @@ TEST_F(LifetimeTest, RequestsForAFileWhoseDescriptorWasClosedAreVoid) {
   let_it_turn([&] { return successor != nullptr; });
   EXPECT_EQ(writer.ready, 0);
   EXPECT_EQ(loop.entries.size(), 1U);  // the registrar's pipe
+}
+
+// Its descriptor is closed, and the number as likely as not another file's.
+TEST_F(LifetimeTest, FileOfAWatcherThatThrewIsNotWatchedAgain) {
+  LogCapture log;
+  Connection connection;
+  connection.send("x");
+  const std::string refusal = "EvtMgr: File file=" + std::to_string(connection.file.fd) +
+                              " is closed, its watcher threw; AIO=w";
+  RecordingAIO watcher(RecordingAIO::Input, "w", [](VrnFile*) { throw VrnException(3, "no"); });
+  std::string thrown;
+  const auto start_elsewhere = [&] {
+    try {
+      mgr->startAIO(&connection.file, &watcher);
+    } catch (const VrnException& e) {
+      thrown = e.what();
+    }
+  };
+  loop.on_dispatcher([&] { mgr->startAIO(&connection.file, &watcher); });
+  loop.when([&] { return watcher.ready == 1; }, [&] { elsewhere(start_elsewhere); });
+  loop.on_dispatcher([&] { mgr->startAIO(&connection.file, &watcher); });
+  let_it_turn();
+  EXPECT_EQ(thrown, refusal);
+  EXPECT_TRUE(
+      log.contains("submitted request threw [VrnException: Error=3 (errno=0) - " + refusal));
+  EXPECT_EQ(watcher.ready, 1);
 }
 
 // ---- signal handlers ----

@@ -34,7 +34,7 @@ extern "C" int gettimeofday(timeval* tv, void*) noexcept {
 extern "C" int poll(pollfd* entries, nfds_t count, int timeout) {
   const auto ready = static_cast<int>(syscall(SYS_poll, entries, count, timeout > 0 ? 0 : timeout));
   if (ready == 0 && timeout > 0) {
-    clock_now.tv_usec += timeout % 1000 * 1000;
+    clock_now.tv_usec += timeout % 1000 * 1000L;
     clock_now.tv_sec += timeout / 1000 + clock_now.tv_usec / 1000000;
     clock_now.tv_usec %= 1000000;
   }
