@@ -2,6 +2,7 @@
 
 #include "vornfc/config.h"
 
+#include "support/wait_for.h"
 #include "vornfc/exception.h"
 
 #include <fcntl.h>
@@ -305,14 +306,19 @@ TEST_F(ConfigTest, FileIsCloseOnExec) {
   ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
   std::thread reader([this] { VrnConfig config(file); });
   const int writer = open(file.c_str(), O_WRONLY | O_CLOEXEC);
-  int found = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    if (std::filesystem::read_symlink(entry.path(), gone) != file) continue;
-    ++found;
-    EXPECT_TRUE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC);
-  }
-  EXPECT_EQ(found, 2);  // the writer's and the parser's
+  // The writer's open returns as soon as the parser has begun its own, which may not be there yet.
+  std::vector<int> found;
+  const bool both = wait_for([&] {
+    found.clear();
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      if (std::filesystem::read_symlink(entry.path(), gone) == file)
+        found.push_back(std::stoi(entry.path().filename()));
+    }
+    return found.size() == 2;
+  });
+  EXPECT_TRUE(both) << found.size();
+  for (const int fd : found) EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << fd;
   close(writer);
   reader.join();
 }

@@ -3,6 +3,7 @@
 
 #include "support/loop.h"
 #include "support/polling.h"
+#include "support/wait_for.h"
 #include "vornfc/appshell.h"
 #include "vornfc/async_rcvr.h"
 #include "vornfc/evtmgr_native.h"
@@ -48,15 +49,6 @@ constexpr int rounds = 300;  // of each thread
 #else
 constexpr int rounds = 3000;
 #endif
-
-bool wait_for(const Condition& condition, milliseconds limit = milliseconds(5000)) {
-  const auto deadline = steady_clock::now() + limit;
-  while (!condition()) {
-    if (steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(microseconds(50));
-  }
-  return true;
-}
 
 void in_threads(int count, const std::function<void(int)>& call) {
   std::vector<std::thread> all;
