@@ -52,12 +52,13 @@ constexpr int rounds = 3000;
 
 void in_threads(int count, const std::function<void(int)>& call) {
   std::vector<std::thread> all;
+  all.reserve(static_cast<size_t>(count));
   for (int i = 0; i < count; ++i) all.emplace_back(call, i);
   for (std::thread& thread : all) thread.join();
 }
 
 class ThreadsTest : public testing::Test {
- protected:
+ public:
   ThreadsTest() : mgr(VrnEvtMgr::instance(0)) {
     VrnAppShell::evtmgr = mgr;
     sys::set_poll(&stand_in);
@@ -67,6 +68,7 @@ class ThreadsTest : public testing::Test {
     VrnEvtMgr::destroy();
   }
 
+ protected:
   // Runs the loop on this thread and `calls` on another; the loop is stopped when these return.
   void run_while(const Call& calls) {
     std::thread other([&] {
@@ -758,6 +760,7 @@ TEST_F(ThreadsTest, OneTimerInManyHands) {
 // One receiver and its files, likewise.
 TEST_F(ThreadsTest, OneReceiverInManyHands) {
   std::vector<std::unique_ptr<Connection>> connections;
+  connections.reserve(threads);
   for (int i = 0; i < threads; ++i) connections.push_back(std::make_unique<Connection>());
   RecordingReceiver receiver("receiver");
   run_while([&] {
