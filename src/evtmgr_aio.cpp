@@ -4,6 +4,7 @@
 #include "vornfc/evtmgr_native.h"
 #include "vornfc/exception.h"
 #include "vornfc/utils.h"
+#include "watch_list.h"
 
 #include <unistd.h>
 
@@ -40,8 +41,8 @@ bool VrnEvtMgrNative::stopAIO(VrnFile* file, VrnAIO* aio) {
     // A poll() that goes on would keep the descriptor open although its owner closes it.
     if (stop_watch(&lock, file, aio, false, false, false)) wake();
   }
-  // The library's own watchers hold their lock here, which the callback may want.
-  if (!aio->drop_file) let_callback_finish(aio);
+  // A built-in watcher holds its lock here, which the callback may want.
+  if (!aio->built_in) let_callback_finish(aio);
   return true;
 }
 
@@ -95,6 +96,12 @@ bool VrnEvtMgrNative::start_watch(VrnFile* file, VrnAIO* aio) {
   ++aio->watches;
   pollfds_changed = true;
   return true;
+}
+
+bool VrnEvtMgrNative::is_watching(const VrnFile* file, const VrnAIO* aio) const {
+  if (file->fd < 0 || static_cast<size_t>(file->fd) >= iofiles.size()) return false;
+  const iofile_t& record = iofiles[static_cast<size_t>(file->fd)];
+  return record.pidx != -1 && record.file == file && record.aios[slot_of(aio->input)] == aio;
 }
 
 // True: there was a watch to stop.
@@ -220,7 +227,7 @@ void VrnEvtMgrNative::call_ready(int fd, unsigned serial, size_t slot) {
 }
 
 void VrnEvtMgrNative::drop_listings(VrnFile* file) {
-  for (VrnAIO* aio : file->impl->listed_by) aio->drop_file(aio, file);
+  for (VrnAIO* aio : file->impl->listed_by) aio->list->drop(file);
   file->impl->listed_by.clear();
 }
 

@@ -455,6 +455,11 @@ void VrnEvtMgrNative::forget(VrnFile* file) {
   if (native_manager->unregister(file)) native_manager->wake();
 }
 
+void VrnEvtMgrNative::forget_requests(const VrnAIO* aio) {
+  const Lock lock(registry);
+  if (native_manager && aio->requested) native_manager->registrar->voidRequests(aio);
+}
+
 void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
   Lock lock(registry);
   if (!end_callbacks(&lock, handler)) return;

@@ -1,19 +1,15 @@
 #include "vornfc/file.h"
 
 #include "file_impl.h"
+#include "timeout_alarm.h"
 #include "vornfc/exception.h"
 #include "vornfc/utils.h"
 
 #include <fcntl.h>
-#include <pthread.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <ctime>
 
 namespace vornfc {
 
@@ -62,94 +58,6 @@ bool VrnFile::blockingMode() const {
 
 namespace {
 
-// The alarm of the one timed transfer that may run. Its handler only raises a flag, so a byte that
-// has been transferred is counted wherever the alarm falls, and no live object is jumped over. The
-// alarm repeats until it is taken back: one that falls between the look at the flag and the system
-// call interrupts the call the next time.
-class TransferAlarm {
- public:
-  explicit TransferAlarm(unsigned seconds) : limit(seconds), saved_alarm(alarm(0)) {
-    thread = pthread_self();
-    fired = false;
-    active = true;
-    struct sigaction action {};
-    action.sa_handler = handle;  // no SA_RESTART: the alarm has to interrupt the transfer
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGALRM, &action, &saved_action);
-    arm();
-  }
-
-  ~TransferAlarm() {
-    const int saved_errno = errno;
-    alarm(0);
-    take_back();
-    sigaction(SIGALRM, &saved_action, nullptr);
-    alarm(saved_alarm);
-    errno = saved_errno;
-  }
-
-  TransferAlarm(const TransferAlarm&) = delete;
-  TransferAlarm& operator=(const TransferAlarm&) = delete;
-
-  void arm() {
-    alarm(limit);
-    itimerval timer{};
-    if (getitimer(ITIMER_REAL, &timer) == 0 && timerisset(&timer.it_value)) {
-      timer.it_interval = timeval{0, 10000};
-      setitimer(ITIMER_REAL, &timer, nullptr);
-    }
-  }
-
-  bool expired() const { return fired; }
-
-  void drop_saved_alarm() { saved_alarm = 0; }
-
- private:
-  // The alarm is sent to the process, so it may arrive on a thread that transfers nothing: the
-  // system call to be interrupted is the transferring thread's.
-  static void handle(int signo) {
-    const int saved_errno = errno;
-    ++handlers;
-    if (active) {
-      fired = true;
-      if (!pthread_equal(pthread_self(), thread)) pthread_kill(thread, signo);
-    }
-    --handlers;
-    errno = saved_errno;
-  }
-
-  // Leaves no SIGALRM of this transfer behind: one that were delivered after the previous action is
-  // back could end the process.
-  static void take_back() {
-    sigset_t alarm_only, previous;
-    sigemptyset(&alarm_only);
-    sigaddset(&alarm_only, SIGALRM);
-    pthread_sigmask(SIG_BLOCK, &alarm_only, &previous);
-    active = false;
-    while (handlers != 0) sched_yield();
-    const timespec at_once{};
-    while (sigtimedwait(&alarm_only, nullptr, &at_once) == SIGALRM) {
-    }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  }
-
-  static std::atomic<bool> active;
-  static std::atomic<bool> fired;
-  static std::atomic<int> handlers;      // handlers that are running, on whatever thread
-  static std::atomic<pthread_t> thread;  // the one that transfers
-
-  const unsigned limit;
-  unsigned saved_alarm;
-  struct sigaction saved_action {};
-};
-
-std::atomic<bool> TransferAlarm::active{false};
-std::atomic<bool> TransferAlarm::fired{false};
-std::atomic<int> TransferAlarm::handlers{0};
-std::atomic<pthread_t> TransferAlarm::thread{};
-static_assert(std::atomic<pthread_t>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
-              "used by a signal handler");
-
 // One transfer of an exact count. Exactly one of `input` and `output` is given.
 struct Transfer {
   int fd;
@@ -174,7 +82,7 @@ struct Transfer {
   }
 
   // `timer` is null without a time-out; `each_call`: the limit is on each wait, not on the whole.
-  int run(TransferAlarm* timer, bool each_call) {
+  int run(TimeoutAlarm* timer, bool each_call) {
     while (done < len) {
       if (timer && timer->expired()) {
         timer->drop_saved_alarm();
@@ -206,7 +114,7 @@ int transfer(Transfer t, int timeout) {
   if (timeout == 0) return t.run(nullptr, false);
   const auto seconds =
       timeout > 0 ? static_cast<unsigned>(timeout) : 0U - static_cast<unsigned>(timeout);
-  TransferAlarm timer(seconds);
+  TimeoutAlarm timer(seconds);
   return t.run(&timer, timeout < 0);
 }
 

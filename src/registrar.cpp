@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <string>
 
 namespace vornfc {
 
@@ -202,14 +203,29 @@ bool AsyncRegistrar::carry_out_backlog() {
 // registrations are one step under the registry lock: no object can end in between.
 bool AsyncRegistrar::carry_out(Request request, const char* what, bool stops_only) {
   std::unique_lock<std::mutex> lock(registry);
-  if (is_void(request) || (stops_only && is_start(int_word(request.words[0])))) return true;
+  if (is_void(request)) return true;
+  if (stops_only && is_start(int_word(request.words[0]))) {
+    refuse(&lock, request.words.data());
+    return true;
+  }
   try {
     return process(&lock, request.words.data()) == 0;
   } catch (...) {
+    const std::string reason = VrnException::handler();
+    if (lock.owns_lock()) refuse(&lock, request.words.data());
     if (lock.owns_lock()) lock.unlock();
-    vrnlog(1, "AsyncRegistrar: %s request threw [%s]", what, VrnException::handler().c_str());
+    vrnlog(1, "AsyncRegistrar: %s request threw [%s]", what, reason.c_str());
     return true;
   }
+}
+
+// A built-in watcher, which counts on a watch that it has asked for, is told that it has none.
+void AsyncRegistrar::refuse(std::unique_lock<std::mutex>* lock, void** record) {
+  if (int_word(record[0]) != StartAIO) return;
+  const auto file = static_cast<VrnFile*>(record[1]);
+  const auto aio = static_cast<VrnAIO*>(record[2]);
+  if (!aio->built_in || mgr->is_watching(file, aio)) return;
+  mgr->tell_cancelled(lock, file, aio, false, true);
 }
 
 // Counts the request as it is taken out.
@@ -249,7 +265,9 @@ int AsyncRegistrar::process(std::unique_lock<std::mutex>* lock, void** record) {
   const int signo = int_word(record[2]);
   const bool ignore = record[3] != nullptr;
   switch (type) {
-    case StartAIO: mgr->start_watch(file, aio); break;
+    case StartAIO:
+      if (!mgr->start_watch(file, aio)) refuse(lock, record);
+      break;
     case StopAIO: mgr->stop_watch(lock, file, aio, true, false, false); break;
     case StartTimer: mgr->queue_timer(timer); break;
     case StopTimer: mgr->stop_timer(lock, timer, true); break;

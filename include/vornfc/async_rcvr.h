@@ -58,8 +58,6 @@ class VORNFC_EXPORT VrnAsyncReceiver : public VrnAIO {
   virtual void aioRemoved(VrnFile* file, bool hangup, bool error) = 0;
 
  private:
-  static void drop(VrnAIO* self, VrnFile* file);
-
   std::unique_ptr<ImplAsyRcv> impl;
 };
 

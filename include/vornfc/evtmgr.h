@@ -15,6 +15,7 @@ class VrnAIO;
 class VrnFile;
 class VrnSignalHandler;
 class VrnTimer;
+class WatchList;
 
 /// The reactor that runs timers, delivers signals and watches descriptors, as an interface. There
 /// is one per process. The thread that constructs it is its owner; that thread runs the dispatcher,
@@ -119,13 +120,18 @@ class VORNFC_EXPORT VrnAIO {
   const std::string tag;  ///< The name in log lines.
 
  private:
+  friend class AsyncRegistrar;
+  friend struct ImplClientSocket;
+  friend class VrnAsyncReader;
   friend class VrnAsyncReceiver;
+  friend class VrnAsyncWriter;
   friend class VrnEvtMgrNative;
   int watches = 0;                     // guarded by the manager's registry lock
   std::atomic<bool> requested{false};  // a queued request has named this object
-  // For the library's own watchers: a watch has ended without aioCancelled(), or the file has
-  // ended.
-  void (*drop_file)(VrnAIO*, VrnFile*) = nullptr;
+  // One of the library's own watchers: it starts and stops with its lock held, and aioCancelled()
+  // tells it when a start that was queued comes to nothing.
+  bool built_in = false;
+  WatchList* list = nullptr;  // of a built-in watcher that keeps one
 };
 
 /// Receives signals as ordinary calls. Derive, implement, and give it to VrnEvtMgr::startSignal().

@@ -90,8 +90,12 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
  private:
   friend class AsyncRegistrar;
   friend struct ImplAppShell;
+  friend struct ImplClientSocket;
   friend class VrnAIO;
+  friend class VrnAsyncReader;
   friend class VrnAsyncReceiver;
+  friend class VrnAsyncWriter;
+  friend class VrnClientSocket;
   friend class VrnSignalHandler;
   friend class VrnTimer;
 
@@ -151,6 +155,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   bool unregister(VrnFile* file, VrnAIO* aio);  // false: it was not registered
   bool unregister(const VrnAIO* aio);
   bool unregister(const VrnFile* file);
+  bool is_watching(const VrnFile* file, const VrnAIO* aio) const;
   void clear_slot(iofile_t* record, size_t slot);
   void remove_entry(iofile_t* record);
   static void drop_listings(VrnFile* file);
@@ -166,6 +171,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   static void forget(VrnAIO* aio);
   static void forget(VrnFile* file);
   static void forget(VrnSignalHandler* handler);
+  static void forget_requests(const VrnAIO* aio);             // what is registered stays
   static bool end_callbacks(Lock* lock, const void* object);  // false: there is no manager
 
   // Waits a moment for the end of a callback to `object` that runs on another thread.
@@ -250,6 +256,7 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   bool carry_out(Request request, const char* what, bool stops_only);
   bool carry_out_backlog();
   int process(std::unique_lock<std::mutex>* lock, void** record);
+  void refuse(std::unique_lock<std::mutex>* lock, void** record);
   std::deque<Request> unread_requests();
   void close_write_end();
   bool write_record(const Request& request) const;

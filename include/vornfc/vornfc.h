@@ -3,6 +3,9 @@
 
 #include "vornfc/appshell.h"
 #include "vornfc/async_rcvr.h"
+#include "vornfc/async_rdr.h"
+#include "vornfc/asyncw.h"
+#include "vornfc/client_socket.h"
 #include "vornfc/config.h"
 #include "vornfc/evtmgr.h"
 #include "vornfc/evtmgr_native.h"
@@ -13,5 +16,6 @@
 #include "vornfc/notifier.h"
 #include "vornfc/server_socket.h"
 #include "vornfc/socket.h"
+#include "vornfc/stdiobuf.h"
 #include "vornfc/timer.h"
 #include "vornfc/utils.h"
