@@ -80,7 +80,7 @@ int VrnAsyncReceiver::aioFiles(bool locked) const {
 }
 
 void VrnAsyncReceiver::aioCancelled(VrnFile* file, bool hangup, bool error) {
-  impl->erase(file);
+  impl->ended(file);
   aioRemoved(file, hangup, error);
 }
 

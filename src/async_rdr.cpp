@@ -133,7 +133,7 @@ void VrnAsyncReader::aioReady(VrnFile* file) {
 }
 
 void VrnAsyncReader::aioCancelled(VrnFile* file, bool hangup, bool error) {
-  const std::optional<WatchList::Request> request = impl->erase(file);
+  const std::optional<WatchList::Request> request = impl->ended(file);
   if (request) {
     hangup = hangup || request->ending == WatchList::EndOfFile;
     error = error || request->ending == WatchList::Failed;

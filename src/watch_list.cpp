@@ -38,13 +38,22 @@ bool WatchList::insert(VrnFile* file, const Request& request) {
   return true;
 }
 
-std::optional<WatchList::Request> WatchList::erase(VrnFile* file) {
+void WatchList::erase(VrnFile* file) {
+  const Lock lock(registry);
+  if (files.erase(file) != 0) unlist(file);
+}
+
+std::optional<WatchList::Request> WatchList::ended(VrnFile* file) {
   const Lock lock(registry);
   const auto it = files.find(file);
   if (it == files.end()) return std::nullopt;
   const Request request = it->second;
-  files.erase(it);
-  unlist(file);
+  if (request.restarts > 0) {
+    --it->second.restarts;
+  } else {
+    files.erase(it);
+    unlist(file);
+  }
   return request;
 }
 
@@ -64,10 +73,21 @@ void WatchList::unlist(VrnFile* file) const {
 void WatchList::start(VrnEvtMgr* evtmgr, VrnFile* file, const Request& request) {
   // Listed first: once it is watched, the dispatcher may already be dropping it.
   const bool is_new = insert(file, request);
+  const std::optional<Request> before = get(file);
+  if (!is_new && before && before->ending != None) {
+    Request again = *before;
+    again.ending = None;
+    ++again.restarts;
+    set(file, again);
+  }
   try {
     evtmgr->startAIO(file, owner);
   } catch (...) {
-    if (is_new) erase(file);
+    if (is_new) {
+      erase(file);
+    } else if (before) {
+      set(file, *before);
+    }
     throw;
   }
 }

@@ -23,6 +23,7 @@ class WatchList {
     int pending = 0;    // bytes that are there
     char* buffer = nullptr;
     Ending ending = None;
+    int restarts = 0;  // starts behind a stop that is under way, whose end then leaves it listed
   };
 
   explicit WatchList(VrnAIO* watcher) : owner(watcher) {}
@@ -30,9 +31,8 @@ class WatchList {
   bool contains(VrnFile* file) const { return get(file).has_value(); }
   int size() const;
   std::optional<Request> get(VrnFile* file) const;
-  bool set(VrnFile* file, const Request& request);     // false: it is not in the list
-  bool insert(VrnFile* file, const Request& request);  // false: it was in the list, unchanged
-  std::optional<Request> erase(VrnFile* file);         // returns what was there
+  bool set(VrnFile* file, const Request& request);  // false: it is not in the list
+  void erase(VrnFile* file);
   void clear();
 
   // Registers `file` with the event manager and puts it into the list, or throws.
@@ -41,6 +41,9 @@ class WatchList {
   // Stops the watch of `file` if it is in the list. True: it is not (any more). False: the stop is
   // under way, for the reason noted first.
   bool stop(VrnFile* file, Ending reason);
+  // The watch of `file` has ended; returns what was wanted of it.
+  std::optional<Request> ended(VrnFile* file);
+
   int stop_all();  // in ascending order of address; returns the number of stops under way
 
   // The file has ended, or its watch without aioCancelled(). Called with the registry lock held.
@@ -49,6 +52,7 @@ class WatchList {
  private:
   using Files = std::map<VrnFile*, Request>;
 
+  bool insert(VrnFile* file, const Request& request);
   VrnFile* next(VrnFile* file) const;
   bool hold(VrnFile* file, Ending reason);
   void release(VrnFile* file, bool stopped);
