@@ -17,6 +17,16 @@ namespace vornfc {
 // The watched files and their requests.
 struct ImplAsyRdr : WatchList {
   using WatchList::WatchList;
+
+  // False: the file is not in the list.
+  bool request(VrnFile* file, int bytes, char* buffer) {
+    std::optional<Request> current = get(file);
+    if (!current) return false;
+    current->requested = bytes;
+    current->pending = 0;
+    current->buffer = buffer;
+    return set(file, *current);
+  }
 };
 
 VrnAsyncReader::VrnAsyncReader(const std::string& name)
@@ -54,13 +64,12 @@ void VrnAsyncReader::aioRequest(VrnFile* file, int bytes, char* buf, bool locked
   VrnMutexGuard guard(locked ? nullptr : mutex.get());
   VrnAssertFull(bytes >= 0 && (buf || bytes == 0), "VrnAsyncRdr: Bad buffer for %s (bytes=%d)",
                 tag.c_str(), bytes);
-  WatchList::Request request;
-  if (const auto current = impl->get(file)) request.ending = current->ending;
-  request.requested = bytes;
-  request.buffer = buf;
-  if (impl->set(file, request)) return;
+  if (impl->request(file, bytes, buf)) return;
   VrnEvtMgr* const evtmgr = event_manager_for("VrnAsyncRdr", tag.c_str());
   if (!file) throw VrnException(3, "VrnAsyncRdr: Null file for %s", tag.c_str());
+  WatchList::Request request;
+  request.requested = bytes;
+  request.buffer = buf;
   impl->start(evtmgr, file, request);
 }
 
@@ -134,6 +143,7 @@ void VrnAsyncReader::aioReady(VrnFile* file) {
 
 void VrnAsyncReader::aioCancelled(VrnFile* file, bool hangup, bool error) {
   const std::optional<WatchList::Request> request = impl->ended(file);
+  if (!impl->contains(file)) VrnEvtMgrNative::forget_requests(this, file);
   if (request) {
     hangup = hangup || request->ending == WatchList::EndOfFile;
     error = error || request->ending == WatchList::Failed;

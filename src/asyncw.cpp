@@ -1,6 +1,7 @@
 #include "vornfc/asyncw.h"
 
 #include "evtmgr_access.h"
+#include "file_impl.h"
 #include "vornfc/evtmgr_native.h"
 #include "vornfc/exception.h"
 #include "vornfc/file.h"
@@ -71,6 +72,11 @@ struct ImplAsyW {
 
 // -1: `errno` tells why, EAGAIN also for a descriptor that took nothing of what there is.
 ssize_t ImplAsyW::write_some(const void* data, size_t length) const {
+  // The event manager closes the descriptor of a watcher that throws; its number may be another's.
+  if (ImplFile::of(file)->closed) {
+    errno = EBADF;
+    return -1;
+  }
   errno = 0;
   const ssize_t written = write(file->fd, data, length);
   if (written != 0 || length == 0) return written;
@@ -230,6 +236,7 @@ void VrnAsyncWriter::aioReady(VrnFile*) {
 void VrnAsyncWriter::aioCancelled(VrnFile*, bool hangup, bool error) {
   VrnMutexGuard guard(mutex.get());
   if (impl->destroyPending) {
+    impl->freeq();
     guard.clear();
     delete this;
     return;

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 namespace vornfc {
 
@@ -34,8 +35,8 @@ struct ImplClientSocket : VrnAIO {
   static bool cancelAIO(ImplClientSocket* impl);
 
   int connect_now(const TimeoutAlarm* timer);
-  void wait_for_outcome(VrnSocketsClient* client);
-  void notify(bool dropped);
+  bool wait_for_outcome(VrnSocketsClient* client);
+  void notify(VrnSocketsClient* client, bool dropped);
   void destroy_later();
 
   void aioReady(VrnFile* file) override;
@@ -87,19 +88,24 @@ int ImplClientSocket::connect_now(const TimeoutAlarm* timer) {
   return result;
 }
 
-// The caller is noted first: once the descriptor is watched, the dispatcher may report the outcome.
-void ImplClientSocket::wait_for_outcome(VrnSocketsClient* client) {
+// False: no outcome will come, the loop has ended. The caller is noted first: once the descriptor
+// is watched, the dispatcher may report.
+bool ImplClientSocket::wait_for_outcome(VrnSocketsClient* client) {
   VrnMutexGuard guard(mutex.get());
   caller = client;
   try {
-    event_manager_for("ClientSocket", tag.c_str())->startAIO(socket, this);
+    const bool watched = event_manager_for("ClientSocket", tag.c_str())->startAIO(socket, this);
+    if (!watched) caller = nullptr;
+    return watched;
   } catch (...) {
     caller = nullptr;
     throw;
   }
 }
 
-void ImplClientSocket::notify(bool dropped) {
+void ImplClientSocket::notify(VrnSocketsClient* client, bool dropped) {
+  VrnAssertFull(client != nullptr, "Null caller for ClientSocket %d=%s", socket->fd,
+                socket->name());
   int result = Dropped;
   if (!dropped) {
     socklen_t size = sizeof result;
@@ -108,12 +114,6 @@ void ImplClientSocket::notify(bool dropped) {
       result = Unreadable;
     }
   }
-  VrnMutexGuard guard(mutex.get());
-  VrnAssertFull(caller != nullptr, "Null caller for ClientSocket %d=%s", socket->fd,
-                socket->name());
-  VrnSocketsClient* const client = caller;
-  caller = nullptr;
-  guard.clear();
   client->socketConnected(socket, result);
 }
 
@@ -122,8 +122,9 @@ void ImplClientSocket::aioReady(VrnFile*) {
   if (!caller) return;  // another thread has just ended the connect
   VrnEvtMgr* const evtmgr = VrnAppShell::evtmgr;
   if (evtmgr && !evtmgr->stopAIO(socket, this)) return;  // aioCancelled() follows
+  VrnSocketsClient* const client = std::exchange(caller, nullptr);
   guard.clear();
-  notify(false);
+  notify(client, false);
 }
 
 void ImplClientSocket::aioCancelled(VrnFile*, bool hangup, bool error) {
@@ -134,10 +135,10 @@ void ImplClientSocket::aioCancelled(VrnFile*, bool hangup, bool error) {
     return socket->destroy();
   }
   if (!caller) return;  // another thread has just ended the connect
+  VrnSocketsClient* const client = std::exchange(caller, nullptr);
   guard.clear();
-  // A stop that is on its way still must not end the watch of the next connect.
   VrnEvtMgrNative::forget_requests(this);
-  notify(hangup || error);
+  notify(client, hangup || error);
 }
 
 // True: no outcome is awaited any more.
@@ -195,8 +196,9 @@ int VrnClientSocket::connect(VrnSocketsClient* caller, int timeout) {
     caller->socketConnected(this, result);
     return 1;
   }
-  connector->wait_for_outcome(caller);
-  return 0;
+  if (connector->wait_for_outcome(caller)) return 0;
+  caller->socketConnected(this, Dropped);
+  return 1;
 }
 
 void VrnClientSocket::destroy() {

@@ -245,7 +245,6 @@ void VrnEvtMgrNative::end_thrown_watch(int fd, unsigned serial) {
   clear_slot(&record, slot);
   if (other) clear_slot(&record, 1 - slot);
   drop_listings(file);
-  registrar->voidRequests(file);
   close(fd);
   file->impl->owns = false;
   file->impl->closed = true;

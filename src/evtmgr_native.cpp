@@ -455,9 +455,14 @@ void VrnEvtMgrNative::forget(VrnFile* file) {
   if (native_manager->unregister(file)) native_manager->wake();
 }
 
-void VrnEvtMgrNative::forget_requests(const VrnAIO* aio) {
+void VrnEvtMgrNative::forget_requests(const VrnAIO* aio, const VrnFile* file) {
   const Lock lock(registry);
-  if (native_manager && aio->requested) native_manager->registrar->voidRequests(aio);
+  if (!native_manager || !aio->requested) return;
+  if (file) {
+    native_manager->registrar->voidRequests(file, aio);
+  } else {
+    native_manager->registrar->voidRequests(aio);
+  }
 }
 
 void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {

@@ -19,10 +19,10 @@ struct ImplFile {
   int flags = -1;  // as fcntl(F_GETFL) gave them; -1: not read yet
 
   // The event manager's and its watchers', guarded by the registry lock.
-  int watched_fd = -1;             // the descriptor number it is registered under; -1: not watched
-  std::vector<VrnAIO*> listed_by;  // watchers that keep a list of their files, with this one in it
-  int stopping = 0;                // threads that are stopping a watch of it
-  bool closed = false;             // the event manager has closed the descriptor
+  int watched_fd = -1;              // the descriptor number it is registered under; -1: not watched
+  std::vector<VrnAIO*> listed_by;   // watchers that keep a list of their files, with this one in it
+  int stopping = 0;                 // threads that are stopping a watch of it
+  std::atomic<bool> closed{false};  // the event manager has closed the descriptor
 
   std::atomic<bool> requested{false};  // a start or stop request has named the file
 

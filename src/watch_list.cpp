@@ -81,7 +81,7 @@ void WatchList::start(VrnEvtMgr* evtmgr, VrnFile* file, const Request& request) 
     set(file, again);
   }
   try {
-    evtmgr->startAIO(file, owner);
+    if (!evtmgr->startAIO(file, owner) && is_new) set_unwatched(file);
   } catch (...) {
     if (is_new) {
       erase(file);
@@ -92,14 +92,22 @@ void WatchList::start(VrnEvtMgr* evtmgr, VrnFile* file, const Request& request) 
   }
 }
 
+void WatchList::set_unwatched(VrnFile* file) {
+  const Lock lock(registry);
+  if (const auto it = files.find(file); it != files.end()) it->second.watched = false;
+}
+
 // The file is held during the stop: on the dispatcher thread a hang-up may be ending it.
 bool WatchList::stop(VrnFile* file, Ending reason) {
-  if (!hold(file, reason)) return true;
+  const std::optional<Request> before = get(file);
+  if (!before || !hold(file, reason)) return true;
   bool stopped = true;
   try {
     // With its event manager gone there is nothing left to stop.
-    if (VrnEvtMgr* const evtmgr = VrnAppShell::evtmgr) stopped = evtmgr->stopAIO(file, owner);
+    VrnEvtMgr* const evtmgr = VrnAppShell::evtmgr;
+    if (evtmgr && before->watched) stopped = evtmgr->stopAIO(file, owner);
   } catch (...) {
+    set(file, *before);
     release(file, false);
     throw;
   }

@@ -23,7 +23,8 @@ class WatchList {
     int pending = 0;    // bytes that are there
     char* buffer = nullptr;
     Ending ending = None;
-    int restarts = 0;  // starts behind a stop that is under way, whose end then leaves it listed
+    bool watched = true;  // the event manager has accepted the start
+    int restarts = 0;     // starts behind a stop that is under way, whose end then leaves it listed
   };
 
   explicit WatchList(VrnAIO* watcher) : owner(watcher) {}
@@ -53,6 +54,7 @@ class WatchList {
   using Files = std::map<VrnFile*, Request>;
 
   bool insert(VrnFile* file, const Request& request);
+  void set_unwatched(VrnFile* file);
   VrnFile* next(VrnFile* file) const;
   bool hold(VrnFile* file, Ending reason);
   void release(VrnFile* file, bool stopped);

@@ -20,7 +20,8 @@ class VORNFC_EXPORT VrnSocketsClient {
 
   /// `result`: 0 connected; positive: the `errno` value of connect() or of the socket's pending
   /// error; -1 that error could not be read; -2 the event manager has dropped the descriptor (as
-  /// it does after a refusal), or connect() failed with `errno` 0. Called once for each connect,
+  /// it does after a refusal, and when its loop has ended), or connect() failed with `errno` 0.
+  /// Called once for each connect,
   /// from inside connect() or on the dispatcher thread, with no lock held. May destroy() `socket`.
   virtual void socketConnected(VrnClientSocket* socket, int result) = 0;
 

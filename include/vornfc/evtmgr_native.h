@@ -171,7 +171,10 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   static void forget(VrnAIO* aio);
   static void forget(VrnFile* file);
   static void forget(VrnSignalHandler* handler);
-  static void forget_requests(const VrnAIO* aio);             // what is registered stays
+
+  // Voids what is requested for `aio` (and `file`, if given): a stop that is on its way still must
+  // not end the next watch.
+  static void forget_requests(const VrnAIO* aio, const VrnFile* file = nullptr);
   static bool end_callbacks(Lock* lock, const void* object);  // false: there is no manager
 
   // Waits a moment for the end of a callback to `object` that runs on another thread.

@@ -12,7 +12,7 @@ fail() {
   for file in "$dir"/*; do
     [ -f "$file" ] || continue
     echo "--- $file"
-    cat "$file"
+    tail -n 50 "$file"
   done
   exit 1
 }

@@ -29,6 +29,8 @@ int socket(int domain, int type, int proto) noexcept { return errno_call("socket
 int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept { return errno_call("setsockopt", &setsockopt, fd, level, name, value, size); }
 int listen(int fd, int backlog) noexcept { return errno_call("listen", &listen, fd, backlog); }
 int accept(int fd, sockaddr* peer, socklen_t* size) { return errno_call("accept", &accept, fd, peer, size); }
+int connect(int fd, const sockaddr* peer, socklen_t size) { return errno_call("connect", &connect, fd, peer, size); }
+int getsockopt(int fd, int level, int name, void* value, socklen_t* size) noexcept { return errno_call("getsockopt", &getsockopt, fd, level, name, value, size); }
 int sigaction(int sig, const struct sigaction* action, struct sigaction* old) noexcept { return errno_call("sigaction", &sigaction, sig, action, old); }
 int pipe(int* ends) noexcept { return errno_call("pipe", &pipe, ends); }
 
