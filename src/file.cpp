@@ -83,14 +83,17 @@ struct Transfer {
 
   // `timer` is null without a time-out; `each_call`: the limit is on each wait, not on the whole.
   int run(TimeoutAlarm* timer, bool each_call) {
+    int last_errno = errno;  // a time-out is no error: it leaves the one that was there
     while (done < len) {
       if (timer && timer->expired()) {
         timer->drop_saved_alarm();
+        errno = last_errno;
         return done;
       }
       if (timer && each_call) timer->arm();
       errno = 0;
       const ssize_t result = step();
+      last_errno = errno == EINTR ? 0 : errno;
       if (result > 0) {
         done += static_cast<int>(result);
       } else if (result == 0) {

@@ -254,7 +254,7 @@ bool ImplLog::cycle(const struct tm* now) {
   return true;
 }
 
-// One write for a record, so that it stays whole beside those of other processes.
+// One write for a record, as a rule, so that it stays whole beside those of other processes.
 void ImplLog::write(Record& record) {
   if (!flog) return;
   const std::string_view line = record.line(torn);
@@ -262,11 +262,14 @@ void ImplLog::write(Record& record) {
     torn = !write_stream(line);
     return;
   }
-  ssize_t written;
-  do {
-    written = ::write(fileno(flog), line.data(), line.size());
-  } while (written == -1 && errno == EINTR);
-  if (written > 0) torn = line[static_cast<std::size_t>(written) - 1] != '\n';
+  // A terminal that a signal interrupts takes a part; a full disk fails the next time.
+  for (std::string_view rest = line; !rest.empty();) {
+    const ssize_t written = ::write(fileno(flog), rest.data(), rest.size());
+    if (written == -1 && errno == EINTR) continue;
+    if (written <= 0) return;
+    torn = rest[static_cast<std::size_t>(written) - 1] != '\n';
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
 }
 
 // The stream is shared with the application, so the record takes its way through the buffer. False:

@@ -703,6 +703,15 @@ TEST_F(FileTest, SilentDescriptorTimesOut) {
   EXPECT_EQ(log.raw(), "");
 }
 
+TEST_F(FileTest, TimeoutIsNoErrorInErrno) {
+  errno = EDOM;
+  EXPECT_EQ(VrnFile::bread(pipe.out, buf, 4, false, 1, &eof), 0);
+  EXPECT_EQ(errno, 0);
+  pipe.make_nonblocking(pipe.out);
+  EXPECT_EQ(VrnFile::bread(pipe.out, buf, 4, false, 1, &eof), 0);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
 TEST_F(FileTest, TimeoutOfAWaitEndsASilentDescriptorToo) {
   const auto start = steady_clock::now();
   EXPECT_EQ(VrnFile::bread(pipe.out, buf, 4, false, -1, &eof), 0);

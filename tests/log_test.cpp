@@ -32,6 +32,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using vornfc::VrnException;
@@ -50,6 +51,7 @@ std::atomic<long long> clock_step{0};
 // The library's writes to its own files.
 std::atomic<int> write_calls{0};
 std::atomic<int> write_interruptions{0};  // so many writes fail with EINTR first
+std::size_t write_limit = 0;              // of the next write that is longer; 0: none
 
 std::atomic<long> allocations{0};
 
@@ -70,6 +72,7 @@ ssize_t write(int fd, const void* data, size_t size) {
     errno = EINTR;
     return -1;
   }
+  if (write_limit != 0 && size > write_limit) size = std::exchange(write_limit, 0);
   return syscall(SYS_write, fd, data, size);
 }
 
@@ -321,6 +324,14 @@ TEST_F(LogTest, AnInterruptedWriteIsTriedAgain) {
   write_interruptions = 2;
   log.log(3, "once");
   EXPECT_EQ(messages("log"), Texts{"once"});
+}
+
+TEST_F(LogTest, AWriteThatTakesAPartIsFollowedByTheRest) {
+  VrnLog log("app", path("log").c_str(), NEVER, 3, "", NONE);
+  write_limit = 10;
+  log.log(3, "the whole of it");
+  log.log(3, "next");
+  EXPECT_EQ(messages("log"), (Texts{"the whole of it", "next"}));
 }
 
 TEST_F(LogTest, ARecordAllocatesNothing) {

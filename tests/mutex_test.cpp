@@ -85,6 +85,15 @@ static_assert(!std::is_copy_constructible_v<VrnMutex> && !std::is_copy_assignabl
 static_assert(!std::is_copy_constructible_v<VrnMutexGuard> &&
               !std::is_copy_assignable_v<VrnMutexGuard>);
 
+TEST(MutexTest, MayBeAMemberOfAnAggregate) {
+  struct Counter {
+    VrnMutex mutex;
+    int count;
+  } counter{};
+  EXPECT_EQ(counter.mutex.lock(), 1);
+  EXPECT_EQ(counter.count, 0);
+}
+
 TEST(MutexTest, LockAndUnlockReturnTheDepth) {
   VrnMutex mutex("m");
   EXPECT_EQ(mutex.lock(), 1);

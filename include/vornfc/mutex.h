@@ -15,7 +15,8 @@ class VORNFC_EXPORT VrnMutex {
  public:
   /// `label` is the name in messages; null: empty. Only a recursive mutex may be locked again by
   /// its holder. Throws VrnException 2 when the system refuses.
-  explicit VrnMutex(const char* label = nullptr, bool isRecursive = false);
+  explicit VrnMutex(const char* label, bool isRecursive = false);
+  VrnMutex() : VrnMutex(nullptr) {}  ///< Not explicit: a member may be left to `{}`.
   VrnMutex(const VrnMutex&) = delete;
   VrnMutex& operator=(const VrnMutex&) = delete;
 
