@@ -116,6 +116,27 @@ TEST_F(AsyncReceiverTest, StopOnTheDispatcherThreadIsConfirmed) {
   EXPECT_EQ(receiver.aioFiles(), 0);
 }
 
+// Both requests are carried out in the next turn; the list follows the watch that goes on.
+TEST_F(AsyncReceiverTest, AFileThatIsStoppedAndStartedAgainStaysListed) {
+  RecordingReceiver receiver("receiver");
+  loop.on_dispatcher([&] { receiver.aioStart(&connection.file); });
+  loop.on_dispatcher([&] {
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_FALSE(receiver.aioStop(&connection.file));
+      receiver.aioStart(&connection.file);
+    }
+    connection.send("hello");
+  });
+  loop.when([&] { return receiver.received == "hello"; },
+            [&] {
+              EXPECT_EQ(receiver.removed.size(), 3U);
+              EXPECT_TRUE(receiver.aioFile(&connection.file));
+              EXPECT_FALSE(receiver.aioStop(&connection.file));
+            });
+  loop.run_until([&] { return receiver.removed.size() == 4; });
+  EXPECT_EQ(receiver.aioFiles(), 0);
+}
+
 TEST_F(AsyncReceiverTest, StopOnAnotherThreadIsDoneAtOnce) {
   RecordingReceiver receiver("receiver");
   elsewhere([&] {
