@@ -38,8 +38,10 @@ bool VrnEvtMgrNative::stopAIO(VrnFile* file, VrnAIO* aio) {
     Lock lock(registry);
     // A start from the dispatcher thread that is still on its way must not come after this.
     if (aio->requested) registrar->voidRequests(file, aio);
+    // The end of a writer or a connect is no mistake where its start, now void, was to be refused.
+    const bool to_stop = !aio->built_in || aio->list || is_watching(file, aio);
     // A poll() that goes on would keep the descriptor open although its owner closes it.
-    if (stop_watch(&lock, file, aio, false, false, false)) wake();
+    if (to_stop && stop_watch(&lock, file, aio, false, false, false)) wake();
   }
   // A built-in watcher holds its lock here, which the callback may want.
   if (!aio->built_in) let_callback_finish(aio);

@@ -100,6 +100,7 @@ VrnEvtMgrNative::VrnEvtMgrNative()
 
 VrnEvtMgrNative::~VrnEvtMgrNative() {
   vrnlog(4, "EvtMgr.dtor - this=0x%x", address32(this));
+  if (!ended) registrar->confirm_ends();
   {
     const Lock lock(registry);
     native_manager = nullptr;

@@ -319,6 +319,24 @@ void AsyncRegistrar::dispatcherStopped() {
   for (const Request& request : rest) carry_out(request, "queued", true);
 }
 
+// For writers and connects that wait for the end of their watch to be deleted. Nobody else is
+// called: an application does not expect a callback while it destroys the event manager.
+void AsyncRegistrar::confirm_ends() {
+  std::deque<Request> rest = unread_requests();
+  {
+    VrnMutexGuard guard(mutex.get());
+    rest.insert(rest.end(), backlog.begin(), backlog.end());
+    backlog.clear();
+  }
+  for (const Request& request : rest) {
+    std::unique_lock<std::mutex> lock(registry);
+    if (is_void(request) || int_word(request.words[0]) != StopAIO) continue;
+    const auto file = static_cast<VrnFile*>(request.words[1]);
+    const auto aio = static_cast<VrnAIO*>(request.words[2]);
+    if (aio->built_in && !aio->list) mgr->tell_cancelled(&lock, file, aio, false, false);
+  }
+}
+
 std::deque<AsyncRegistrar::Request> AsyncRegistrar::unread_requests() {
   std::deque<Request> unread;
   Request request;

@@ -39,10 +39,10 @@ TimeoutAlarm::~TimeoutAlarm() {
 void TimeoutAlarm::arm() {
   alarm(limit);
   itimerval timer{};
-  if (getitimer(ITIMER_REAL, &timer) == 0 && timerisset(&timer.it_value)) {
-    timer.it_interval = timeval{0, 10000};
-    setitimer(ITIMER_REAL, &timer, nullptr);
-  }
+  if (getitimer(ITIMER_REAL, &timer) != 0) return;
+  timer.it_interval = timeval{0, 10000};
+  if (!timerisset(&timer.it_value)) timer.it_value = timer.it_interval;  // it has gone off already
+  setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
 // The alarm is sent to the process, so it may arrive on a thread whose calls are not timed: the

@@ -57,7 +57,8 @@ class VORNFC_EXPORT VrnClientSocket : public VrnSocket {
   /// With `caller`, which is not owned: puts the descriptor in non-blocking mode and waits for
   /// nothing. Returns 1 when the outcome is known and socketConnected() has been called already; 0
   /// when it follows on the dispatcher thread. After a success the socket does not remember that it
-  /// is connected, unless the connection was made at once.
+  /// is connected, unless the connection was made at once. After a refusal (-2) the system still
+  /// holds the error, and gives it to the next connect() of the same socket.
   ///
   /// Throws VrnException 3 when the socket has no address, for a `timeout` with a `caller`, and
   /// when there is no event manager to wait with; 6 when a connect is under way or has succeeded at

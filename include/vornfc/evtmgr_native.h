@@ -248,6 +248,7 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   void voidRequests(const void* object, const void* second = nullptr);
 
  private:
+  friend class VrnEvtMgrNative;
   struct Request {
     std::array<void*, 4> words{};
   };
@@ -261,6 +262,7 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   int process(std::unique_lock<std::mutex>* lock, void** record);
   void refuse(std::unique_lock<std::mutex>* lock, void** record);
   std::deque<Request> unread_requests();
+  void confirm_ends();
   void close_write_end();
   bool write_record(const Request& request) const;
 
