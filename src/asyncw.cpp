@@ -24,7 +24,7 @@ constexpr int HungUp = -1;  // sticky errors
 constexpr int Dropped = -2;
 
 const char* name_of(const VrnFile* file) {
-  VrnAssertFull(file != nullptr, "AsyncWriter: Null file");
+  if (!file) throw VrnException(3, "AsyncWriter: Null file");
   return file->name();
 }
 
@@ -173,8 +173,9 @@ VrnAsyncWriter::~VrnAsyncWriter() {
 int VrnAsyncWriter::awrite(const void* buf, int len) {
   VrnMutexGuard guard(mutex.get());
   if (impl->error != 0) return impl->error;
-  VrnAssertFull(len >= 0 && (buf || len == 0), "AsyncWriter: Bad buffer for %s (len=%d)",
-                tag.c_str(), len);
+  if (len < 0 || (!buf && len != 0)) {
+    throw VrnException(3, "AsyncWriter: Bad buffer for %s (len=%d)", tag.c_str(), len);
+  }
   const auto length = static_cast<size_t>(len);
   size_t written = 0;
   if (impl->queue.empty()) {

@@ -104,8 +104,9 @@ bool ImplClientSocket::wait_for_outcome(VrnSocketsClient* client) {
 }
 
 void ImplClientSocket::notify(VrnSocketsClient* client, bool dropped) {
-  VrnAssertFull(client != nullptr, "Null caller for ClientSocket %d=%s", socket->fd,
-                socket->name());
+  if (!client) {
+    throw VrnException(3, "Null caller for ClientSocket %d=%s", socket->fd, socket->name());
+  }
   int result = Dropped;
   if (!dropped) {
     socklen_t size = sizeof result;

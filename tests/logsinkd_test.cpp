@@ -104,7 +104,9 @@ TEST_F(LogsinkdTest, AnEndlessLineIsWrittenInPieces) {
   const int before = daemon.descriptors();
   {
     const Socket sender = Socket::connected(port);
-    EXPECT_TRUE(sender.send(std::string(10000000, 'x') + "\n"));
+    std::string line;
+    line.resize(10000000, 'x');
+    EXPECT_TRUE(sender.send(line + "\n"));
   }
   EXPECT_TRUE(daemon.has_descriptors(before));
   EXPECT_TRUE(wait_for([&] { return text().size() > 100000; }));
