@@ -1,0 +1,40 @@
+#include "timers.h"
+
+#include <event2/event.h>
+
+namespace {
+
+event_base* base;
+std::vector<event*> timers;
+
+void ready(evutil_socket_t, short, void* number) {
+  expired(reinterpret_cast<size_t>(number));
+}
+
+void open(size_t count) {
+  base = event_base_new();
+  for (size_t i = 0; i < count; ++i) {
+    timers.push_back(evtimer_new(base, ready, reinterpret_cast<void*>(i)));
+  }
+}
+
+void start(size_t timer, long usec) {
+  const timeval distance{usec / 1000000, usec % 1000000};
+  event_add(timers[timer], &distance);
+}
+
+void stop(size_t timer) {
+  event_del(timers[timer]);
+}
+
+void run() {
+  event_base_dispatch(base);
+}
+
+void quit() {
+  event_base_loopbreak(base);
+}
+
+const compare::Enter<Timers> entry("libevent", {open, start, stop, run, quit});
+
+}  // namespace
