@@ -86,17 +86,18 @@ bool VrnEvtMgrNative::start_watch(VrnFile* file, VrnAIO* aio) {
         pollfds[static_cast<size_t>(record.pidx)].fd);
   } else {
     file->setBlockingMode(false);  // first: it may throw
+    before_change();
     pollfds.push_back({file->fd, 0, 0});
     record.pidx = static_cast<int>(pollfds.size()) - 1;
     record.file = file;
     ++record.serial;
     file->impl->watched_fd = file->fd;
   }
+  before_change();
   pollfd& entry = pollfds[static_cast<size_t>(record.pidx)];
   entry.events = static_cast<short>(entry.events | mask_of(slot));
   record.aios[slot] = aio;
   ++aio->watches;
-  pollfds_changed = true;
   return true;
 }
 
@@ -117,8 +118,7 @@ bool VrnEvtMgrNative::stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool no
 
 void VrnEvtMgrNative::tell_cancelled(Lock* lock, VrnFile* file, VrnAIO* aio, bool hangup,
                                      bool err) {
-  const Callback callback(this, aio, file);
-  lock->unlock();
+  const Callback callback(this, lock, aio, file);
   try {
     aio->aioCancelled(file, hangup, err);
   } catch (...) {
@@ -160,6 +160,7 @@ bool VrnEvtMgrNative::unregister(const VrnFile* file) {
 }
 
 void VrnEvtMgrNative::clear_slot(iofile_t* record, size_t slot) {
+  before_change();
   pollfd& entry = pollfds[static_cast<size_t>(record->pidx)];
   entry.events = static_cast<short>(entry.events & ~mask_of(slot));
   // The current turn must not call the watcher any more.
@@ -167,7 +168,6 @@ void VrnEvtMgrNative::clear_slot(iofile_t* record, size_t slot) {
   --record->aios[slot]->watches;
   record->aios[slot] = nullptr;
   if (entry.events == 0) remove_entry(record);
-  pollfds_changed = true;
 }
 
 // The last entry takes the place of the one that goes.
@@ -185,7 +185,7 @@ void VrnEvtMgrNative::remove_entry(iofile_t* record) {
 
 // Reads an entry and its record again after a callback. False: the registration has ended.
 bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record) const {
-  const Lock lock(registry);
+  if (walking && !pollfds_changed) return true;
   const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
   if (current.pidx == -1 || current.serial != record->serial) return false;
   *entry = pollfds[static_cast<size_t>(current.pidx)];
@@ -193,38 +193,40 @@ bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record) const {
   return true;
 }
 
-// Readable data comes before a hang-up that is reported with it; the hang-up is handled at a later
-// turn, when there is no data any more.
 void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
   if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
+  Lock lock(registry);
+  handle_ready(&lock, entry, record);
+}
+
+// Readable data comes before a hang-up that is reported with it; the hang-up is handled at a later
+// turn, when there is no data any more.
+void VrnEvtMgrNative::handle_ready(Lock* lock, pollfd* entry, iofile_t* record) {
   if (entry->revents & POLLOUT) {
-    call_ready(entry->fd, record->serial, slot_of(false));
+    call_ready(lock, entry->fd, record->serial, slot_of(false));
     if (!refresh(entry, record)) return;
   }
   if (entry->revents & (POLLIN | POLLPRI)) {
-    call_ready(entry->fd, record->serial, slot_of(true));
+    call_ready(lock, entry->fd, record->serial, slot_of(true));
     return;
   }
   if ((entry->revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return;
   const bool err = (entry->revents & (POLLERR | POLLNVAL)) != 0;
   for (size_t slot = 0; slot < record->aios.size(); ++slot) {
-    Lock lock(registry);
     const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
     if (current.pidx == -1 || current.serial != record->serial) return;
     curaio = current.aios[slot];
-    if (curaio) stop_watch(&lock, current.file, curaio, true, true, err);
+    if (curaio) stop_watch(lock, current.file, curaio, true, true, err);
   }
 }
 
-void VrnEvtMgrNative::call_ready(int fd, unsigned serial, size_t slot) {
-  Lock lock(registry);
+void VrnEvtMgrNative::call_ready(Lock* lock, int fd, unsigned serial, size_t slot) {
   const iofile_t& record = iofiles[static_cast<size_t>(fd)];
   if (record.pidx == -1 || record.serial != serial || !record.aios[slot]) return;
   VrnAIO* const aio = record.aios[slot];
   VrnFile* const file = record.file;
   curaio = aio;
-  const Callback callback(this, aio, file);
-  lock.unlock();
+  const Callback callback(this, lock, aio, file);
   aio->aioReady(file);
 }
 

@@ -4,6 +4,7 @@
 #include "file_impl.h"
 #include "text.h"
 #include "timer_impl.h"
+#include "timer_queue.h"
 #include "vornfc/appshell.h"
 #include "vornfc/exception.h"
 #include "vornfc/utils.h"
@@ -81,7 +82,8 @@ void notify_waiting() {
 // ---- construction ----
 
 VrnEvtMgrNative::VrnEvtMgrNative()
-    : throwtasks(env_is_yes("VORN_EM_THROWTASKS")),
+    : timers(new TimerQueue),
+      throwtasks(env_is_yes("VORN_EM_THROWTASKS")),
       timerprec(timer_precision()),
       owner(pthread_self()),
       loop_thread(owner),
@@ -104,7 +106,7 @@ VrnEvtMgrNative::~VrnEvtMgrNative() {
   {
     const Lock lock(registry);
     native_manager = nullptr;
-    for (VrnTimer* timer : timers) timer->impl->queued = false;
+    for (ImplTimer* timer : timers->in_order()) timer->queued = false;
     while (!pollfds.empty()) unregister(iofiles[static_cast<size_t>(pollfds.back().fd)].file);
   }
   registrar.reset();
@@ -168,18 +170,17 @@ void VrnEvtMgrNative::dispatcher() {
 
 // All that are due fire against the same time of day, and up to a precision unit early.
 int VrnEvtMgrNative::fire_due_timers() {
+  Lock lock(registry);
+  if (timers->empty()) return -1;
   timeval now;
   gettimeofday(&now, nullptr);
-  for (;;) {
-    Lock lock(registry);
-    if (timers.empty()) return -1;
-    VrnTimer* const timer = *timers.begin();
+  while (!timers->empty()) {
+    VrnTimer* const timer = timers->first()->owner;
     const int left = timer->compare(&now) / timerprec;
     if (left > 0) return left;
     unqueue(timer);
     const unsigned start = timer->impl->starts;
-    const Callback callback(this, timer);
-    lock.unlock();
+    const Callback callback(this, &lock, timer);
     try {
       timer->trigger(now, start);
     } catch (...) {
@@ -187,10 +188,11 @@ int VrnEvtMgrNative::fire_due_timers() {
       vrnlog(1, "EvtMgr: Timer threw [%s]", VrnException::handler().c_str());
     }
   }
+  return -1;
 }
 
-// Returns the number of descriptors in pollfds that have returned events. Other threads may change
-// pollfds during the wait, so poll() works on a copy.
+// Returns the number of descriptors that have returned events. Other threads may change pollfds
+// during the wait, so poll() works on a copy.
 int VrnEvtMgrNative::wait_for_events(int timeout) {
   {
     const Lock lock(registry);
@@ -210,8 +212,9 @@ int VrnEvtMgrNative::wait_for_events(int timeout) {
     return 0;
   }
   const Lock lock(registry);
+  walked = 0;
   if (!pollfds_changed) {
-    for (size_t i = 0; i < polled.size(); ++i) pollfds[i].revents = polled[i].revents;
+    walking = true;
     return ready;
   }
   for (pollfd& entry : pollfds) entry.revents = 0;
@@ -232,25 +235,44 @@ int VrnEvtMgrNative::wait_for_events(int timeout) {
 // The walk goes by position, and reads the entry count again after every callback. An entry that a
 // callback moves into a position already passed waits for the next turn.
 void VrnEvtMgrNative::deliver_ready(int ready) {
-  for (size_t position = 0; ready > 0; ++position, --ready) {
+  Lock lock(registry);
+  for (; ready > 0; ++walked, --ready) {
     pollfd entry;
     iofile_t record;
-    {
-      const Lock lock(registry);
-      while (position < pollfds.size() && pollfds[position].revents == 0) ++position;
-      if (position >= pollfds.size()) return;
-      entry = pollfds[position];
-      record = iofiles[static_cast<size_t>(entry.fd)];
-    }
+    if (!next_ready(&entry, &record)) break;
     curaio = nullptr;
     try {
-      handleIO(&entry, &record);
+      handle_ready(&lock, &entry, &record);
     } catch (...) {
       if (throwtasks || !curaio) throw;
+      lock.unlock();
       vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
       end_thrown_watch(entry.fd, record.serial);
+      lock.lock();
     }
   }
+  walking = false;
+}
+
+// Most turns change no registration: the walk then goes over what poll() has filled in, and pollfds
+// is not even looked at.
+bool VrnEvtMgrNative::next_ready(pollfd* entry, iofile_t* record) {
+  const std::vector<pollfd>& entries = pollfds_changed ? pollfds : polled;
+  while (walked < entries.size() && entries[walked].revents == 0) ++walked;
+  if (walked >= entries.size()) return false;
+  *entry = entries[walked];
+  *record = iofiles[static_cast<size_t>(entry->fd)];
+  return true;
+}
+
+// The first change after poll() makes pollfds what the rest of the walk goes over.
+void VrnEvtMgrNative::before_change() {
+  if (walking && !pollfds_changed) {
+    for (size_t i = 0; i < pollfds.size(); ++i) {
+      pollfds[i].revents = i < walked ? short{0} : polled[i].revents;
+    }
+  }
+  pollfds_changed = true;
 }
 
 void VrnEvtMgrNative::dispatcherStopped() {
@@ -298,11 +320,11 @@ void VrnEvtMgrNative::report_timers() {
     const Lock lock(registry);
     timeval now;
     gettimeofday(&now, nullptr);
-    for (const VrnTimer* timer : timers) {
-      const ImplTimer::State state = timer->impl->state;
+    for (const ImplTimer* timer : timers->in_order()) {
+      const ImplTimer::State state = timer->state;
       const bool active = state == ImplTimer::Queued || state == ImplTimer::Restart;
-      const int left = active ? timer->compare(&now) / 1000 : 0;
-      lines.push_back(timer->impl->tag + " remains - " + std::to_string(left) + " millisecs" +
+      const int left = active ? timer->owner->compare(&now) / 1000 : 0;
+      lines.push_back(timer->tag + " remains - " + std::to_string(left) + " millisecs" +
                       (active ? "" : " (inactive)"));
     }
   }
@@ -342,7 +364,7 @@ void VrnEvtMgrNative::report_signal_handlers() {
 
 VrnEvtMgrNative::Sizes VrnEvtMgrNative::sizes() const {
   const Lock lock(registry);
-  return {count(timers), count(pollfds), static_cast<int>(pollfds.capacity()), count(iofiles),
+  return {count(*timers), count(pollfds), static_cast<int>(pollfds.capacity()), count(iofiles),
           static_cast<int>(iofiles.capacity())};
 }
 
@@ -380,7 +402,7 @@ bool VrnEvtMgrNative::syncstartTimer(VrnTimer* timer) {
   {
     const Lock lock(registry);
     if (!queue_timer(timer)) return false;
-    is_next = timers.begin() == timer->impl->place;
+    is_next = timers->first() == timer->impl.get();
   }
   if (is_next) wake();
   return true;
@@ -395,7 +417,7 @@ bool VrnEvtMgrNative::queue_timer(VrnTimer* timer) {
   if (!timer) throw VrnException(3, "EvtMgr: Null timer to start");
   if (dead) return false;
   unqueue(timer);
-  timer->impl->place = timers.insert(timer);  // behind those with an equal expiry
+  timers->insert(timer->impl.get());
   timer->impl->queued = true;
   return true;
 }
@@ -404,8 +426,7 @@ void VrnEvtMgrNative::stop_timer(Lock* lock, VrnTimer* timer, bool notify) {
   if (!timer) throw VrnException(3, "EvtMgr: Null timer to stop");
   unqueue(timer);
   if (!notify) return;
-  const Callback callback(this, timer);
-  lock->unlock();
+  const Callback callback(this, lock, timer);
   try {
     timer->timerCancelled();
   } catch (...) {
@@ -413,10 +434,9 @@ void VrnEvtMgrNative::stop_timer(Lock* lock, VrnTimer* timer, bool notify) {
   }
 }
 
-// By its place: the walk to one timer among many is left out.
 void VrnEvtMgrNative::unqueue(VrnTimer* timer) {
   if (!timer->impl->queued) return;
-  timers.erase(timer->impl->place);
+  timers->erase(timer->impl.get());
   timer->impl->queued = false;
 }
 
@@ -476,14 +496,15 @@ void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
   }
 }
 
-VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, const void* object,
-                                    const void* second)
-    : mgr(manager), objects{object, second}, outer(manager->callbacks) {
+VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_lock,
+                                    const void* object, const void* second)
+    : mgr(manager), lock(registry_lock), objects{object, second}, outer(manager->callbacks) {
   mgr->callbacks = this;
+  lock->unlock();
 }
 
 VrnEvtMgrNative::Callback::~Callback() {
-  const Lock lock(registry);
+  lock->lock();
   mgr->callbacks = outer;
   notify_waiting();
 }

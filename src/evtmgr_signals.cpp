@@ -88,8 +88,7 @@ VrnSignalHandler* VrnEvtMgrNative::change_signal(Lock* lock, bool start, bool no
     }
   }
   if (handler && notify) {
-    const Callback callback(this, handler);
-    lock->unlock();
+    const Callback callback(this, lock, handler);
     sigResponse(false, handler, signo);
   }
   return previous;
@@ -120,8 +119,7 @@ void VrnEvtMgrNative::deliver_signals() {
     const auto it = sighandlers.find(signo);
     if (it == sighandlers.end()) continue;  // its handler was removed meanwhile
     VrnSignalHandler* const handler = it->second;
-    const Callback callback(this, handler);
-    lock.unlock();
+    const Callback callback(this, &lock, handler);
     sigResponse(true, handler, signo);
   }
 }

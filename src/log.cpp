@@ -16,6 +16,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -143,24 +144,58 @@ class StreamGuard {
   std::FILE* const stream;
 };
 
+// The process's id without the system call that each getpid() is.
+pid_t process_id() {
+  static std::atomic<pid_t> known{0};  // 0: not known
+  static const bool told_of_forks = pthread_atfork(nullptr, nullptr, [] { known = 0; }) == 0;
+  pid_t id = known.load(std::memory_order_relaxed);
+  if (id == 0) {
+    id = getpid();
+    if (told_of_forks) known = id;
+  }
+  return id;
+}
+
+// "<pid>-<tid> " of the calling thread, put together once in a thread's life in a process.
+std::string_view thread_ids() {
+  static thread_local struct {
+    pid_t process = 0;  // that `text` names; 0: none
+    unsigned length = 0;
+    char text[40];
+  } ids;
+  const pid_t process = process_id();
+  if (ids.process != process) {
+    const int length = std::snprintf(ids.text, sizeof ids.text, "%d-%lu ", process, pthread_self());
+    ids.length = static_cast<unsigned>(length);
+    ids.process = process;
+  }
+  return {ids.text, ids.length};
+}
+
 // A record being put together: at most 2047 characters, what does not fit is cut.
 class Record {
  public:
   Record() { text[0] = '\n'; }
 
-  // The first part. A time format whose result is empty or does not fit adds nothing.
+  void add(std::string_view more) {
+    const std::size_t count = std::min(more.size(), MAX_END - end);
+    std::memcpy(text + end, more.data(), count);
+    end += count;
+  }
+
+  // A time format whose result is empty or does not fit adds nothing.
   void addTime(const std::string& timefmt, const struct tm& now) {
     if (timefmt.empty()) {
       add("%04d%02d%02d-%02d:%02d:%02d", now.tm_year + 1900, now.tm_mon + 1, now.tm_mday,
           now.tm_hour, now.tm_min, now.tm_sec);
     } else {
-      end += std::strftime(text + end, sizeof text - end, timefmt.c_str(), &now);
+      end += std::strftime(text + end, MAX_END + 1 - end, timefmt.c_str(), &now);
     }
   }
 
   void addFraction(int timeprec, long micros) {
-    if (timeprec == Milli) add(".%03ld", micros / 1000);
-    if (timeprec == Micro) add(".%06ld", micros);
+    if (timeprec == Milli) addFraction(micros / 1000, 3);
+    if (timeprec == Micro) addFraction(micros, 6);
   }
 
   __attribute__((format(printf, 2, 3))) void add(const char* fmt, ...) {
@@ -172,9 +207,13 @@ class Record {
 
   __attribute__((format(printf, 3, 0))) void add(va_list ap, const char* fmt) {
     text[end] = '\0';  // what remains when the arguments cannot be formatted
-    std::vsnprintf(text + end, sizeof text - end, fmt, ap);
+    std::vsnprintf(text + end, MAX_END + 1 - end, fmt, ap);
     end += std::strlen(text + end);
   }
+
+  std::size_t length() const { return end - 1; }
+  void cut(std::size_t length) { end = length + 1; }  // keeps so much of it
+  std::string_view view() const { return {text + 1, length()}; }
 
   // The whole record and its line end; with `on_new_line` also a line end ahead of it.
   std::string_view line(bool on_new_line) {
@@ -184,22 +223,31 @@ class Record {
   }
 
  private:
-  char text[1 + 2048];  // the line end ahead; the record; its terminator, later its line end
+  static constexpr std::size_t MAX_END = 2048;
+
+  void addFraction(long number, int digits) {
+    char decimal[] = ".000000";
+    for (int i = digits; i > 0; number /= 10) decimal[i--] = static_cast<char>('0' + number % 10);
+    add(std::string_view(decimal, static_cast<std::size_t>(digits) + 1));
+  }
+
+  char text[MAX_END + 1];  // the line end ahead; the record; its terminator, later its line end
   std::size_t end = 1;
 };
 
 }  // namespace
 
-// The state behind a log. `mutex` guards flog, cyclestamp and torn; nothing else but the level
-// changes after the construction.
+// The state behind a log. `mutex` guards flog, cyclestamp, torn and the record; nothing else but
+// the level changes after the construction.
 struct ImplLog {
   ImplLog(std::FILE* stream, bool owns, int frequency, int lvl, const char* format, int precision);
   ~ImplLog() { close_file(); }
   ImplLog(const ImplLog&) = delete;
   ImplLog& operator=(const ImplLog&) = delete;
 
+  void begin_record(const struct timeval& time);
   bool cycle(const struct tm* now);
-  void write(Record& record);
+  void write();
 
   void open_file(const std::string& name);
   void close_file();
@@ -215,6 +263,15 @@ struct ImplLog {
   const bool owner;
   unsigned long cyclestamp = 0;  // of the last cycle, failed or not
   bool torn = false;             // the file ends in the middle of a line
+
+  // The last record. The start of it, its second as text, is made once in a second: it costs more
+  // than all the rest of a short record.
+  Record record;
+  std::size_t stamp_length = 0;
+  time_t second = 0;  // of `record`; as a local time in `local`
+  struct tm local = {};
+  bool stamped = false;  // `record` has a second
+
   VrnMutex mutex{"VrnLog"};
 };
 
@@ -254,8 +311,23 @@ bool ImplLog::cycle(const struct tm* now) {
   return true;
 }
 
+// Leaves the time to the second in the record, and nothing else. A time that goes back is a second
+// like any other.
+void ImplLog::begin_record(const struct timeval& time) {
+  if (!stamped || time.tv_sec != second) {
+    second = time.tv_sec;
+    local = {};
+    localtime_r(&second, &local);
+    record.cut(0);
+    record.addTime(timefmt, local);
+    stamp_length = record.length();
+    stamped = true;
+  }
+  record.cut(stamp_length);
+}
+
 // One write for a record, as a rule, so that it stays whole beside those of other processes.
-void ImplLog::write(Record& record) {
+void ImplLog::write() {
   if (!flog) return;
   const std::string_view line = record.line(torn);
   if (!owner) {
@@ -358,7 +430,10 @@ bool VrnLog::cycle(struct tm* now) {
   return impl->cycle(now);
 }
 
+// The level is looked at ahead of everything else: most calls in a program are for records that
+// nobody wants now.
 void VrnLog::log(int lvl, const char* fmt, ...) {
+  if (lvl > impl->level) return;
   va_list ap;
   va_start(ap, fmt);
   try {
@@ -370,28 +445,32 @@ void VrnLog::log(int lvl, const char* fmt, ...) {
   va_end(ap);
 }
 
-// The time is taken under the lock: records are in the order of their times, and no record can take
-// a new period's log back to the old one.
+// What does not depend on the time is put together ahead of the lock. The time is taken under the
+// lock: records are in the order of their times, and no record can take a new period's log back to
+// the old one.
 void VrnLog::log(va_list ap, int lvl, const char* fmt) {
   if (lvl > impl->level) return;
   const ErrnoKeeper caller_errno;
+  Record rest;
+  rest.add(std::string_view(" "));
+  const char* const symbol = trc_lvl2sym(lvl);
+  rest.add(std::string_view(symbol ? symbol : "(null)"));
+  rest.add(std::string_view(" "));
+  rest.add(impl->tagprefix);
+  rest.add(thread_ids());
+  caller_errno.restore();  // for a "%m" in the message
+  rest.add(ap, fmt ? fmt : "<NULL>");
+
   // The stream's lock comes first: the application may hold it when it logs.
   const StreamGuard stream(impl->owner ? nullptr : impl->flog);
   const VrnMutexGuard guard(&impl->mutex);
-
   struct timeval time;
-  struct tm now = {};
   gettimeofday(&time, nullptr);
-  localtime_r(&time.tv_sec, &now);
-  impl->cycle(&now);
-
-  Record record;
-  record.addTime(impl->timefmt, now);
-  record.addFraction(impl->timeprec, time.tv_usec);
-  record.add(" %s %s%d-%lu ", trc_lvl2sym(lvl), impl->tagprefix.c_str(), getpid(), pthread_self());
-  caller_errno.restore();  // for a "%m" in the message
-  record.add(ap, fmt ? fmt : "<NULL>");
-  impl->write(record);
+  impl->begin_record(time);
+  impl->cycle(&impl->local);
+  impl->record.addFraction(impl->timeprec, time.tv_usec);
+  impl->record.add(rest.view());
+  impl->write();
 }
 
 VrnLog* VrnLogSpec::synthesise() {

@@ -7,7 +7,7 @@
 #include <sys/time.h>
 
 #include <atomic>
-#include <set>
+#include <cstddef>
 #include <string>
 
 namespace vornfc {
@@ -39,7 +39,7 @@ struct ImplTimer {
 
   // The event manager's, guarded by its registry lock.
   bool queued = false;
-  std::multiset<VrnTimer*, VrnPtrLess<VrnTimer>>::iterator place;  // in its queue, while queued
+  size_t place = 0;  // in its queue, while queued
 
   std::atomic<bool> requested{false};  // a queued request has named the timer
 };

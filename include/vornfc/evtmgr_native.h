@@ -17,7 +17,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -25,6 +24,7 @@ namespace vornfc {
 
 class AsyncRegistrar;
 struct ImplAppShell;
+class TimerQueue;
 
 /// The event manager that waits in poll(). Reached through VrnEvtMgr::instance(); its settings are
 /// read from the environment at construction:
@@ -99,16 +99,20 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   friend class VrnSignalHandler;
   friend class VrnTimer;
 
+  using Lock = std::unique_lock<std::mutex>;
+
   // One callback that is running, innermost first: while it is, its objects may only be destroyed
-  // by the dispatcher thread itself; other threads wait for the end of the callback.
+  // by the dispatcher thread itself; other threads wait for the end of the callback. The registry
+  // lock is released from the constructor to the destructor, which takes it again.
   class Callback {
    public:
-    Callback(VrnEvtMgrNative* mgr, const void* object, const void* second = nullptr);
-    ~Callback();  // takes the registry lock; the constructor expects it held
+    Callback(VrnEvtMgrNative* mgr, Lock* lock, const void* object, const void* second = nullptr);
+    ~Callback();
     Callback(const Callback&) = delete;
     Callback& operator=(const Callback&) = delete;
 
     VrnEvtMgrNative* const mgr;
+    Lock* const lock;
     std::array<const void*, 2> objects;
     Callback* const outer;
   };
@@ -117,8 +121,11 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   int fire_due_timers();
   int wait_for_events(int timeout);
   void deliver_ready(int count);
-  void call_ready(int fd, unsigned serial, size_t slot);
+  bool next_ready(pollfd* entry, iofile_t* record);
+  void handle_ready(Lock* lock, pollfd* entry, iofile_t* record);
+  void call_ready(Lock* lock, int fd, unsigned serial, size_t slot);
   bool refresh(pollfd* entry, iofile_t* record) const;
+  void before_change();
   void end_thrown_watch(int fd, unsigned serial);
   void report_timers();
   void report_watchers();
@@ -140,9 +147,8 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   // does.
   static bool withdraw(VrnTimer* timer);
 
-  // The sync operations for a caller that holds the registry lock; those that call back do so with
-  // `lock` released, and leave it so.
-  using Lock = std::unique_lock<std::mutex>;
+  // The sync operations for a caller that holds the registry lock; those that call back release
+  // `lock` for the callback.
   bool start_watch(VrnFile* file, VrnAIO* aio);
   bool stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err);
   void tell_cancelled(Lock* lock, VrnFile* file, VrnAIO* aio, bool hangup, bool err);
@@ -183,10 +189,12 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   // Guarded by the registry lock, as are the registrations noted in the objects themselves.
   std::vector<pollfd> pollfds;
   std::vector<iofile_t> iofiles;  // indexed by descriptor number
-  std::multiset<VrnTimer*, VrnPtrLess<VrnTimer>> timers;
+  const std::unique_ptr<TimerQueue> timers;
   std::map<int, VrnSignalHandler*> sighandlers;
   Callback* callbacks = nullptr;
   bool pollfds_changed = true;  // since they were copied into `polled`
+  bool walking = false;         // between poll() and the end of the walk
+  size_t walked = 0;            // the position that the walk has reached
 
   std::atomic<bool> dead{false};
   std::atomic<bool> wake_sent{false};
