@@ -21,8 +21,8 @@ bool VrnEvtMgrNative::startAIO(VrnFile* file, VrnAIO* aio) {
   VrnAssertFull(file->fd >= 0, "EvtMgr: File %s has no descriptor for AIO=%s", file->name(),
                 aio->tag.c_str());
   if (!on_owner_thread()) return syncstartAIO(file, aio);
-  file->impl->requested = true;
-  aio->requested = true;
+  file->impl->requested.store(true, std::memory_order_relaxed);
+  aio->requested.store(true, std::memory_order_relaxed);
   return registrar->submit(AsyncRegistrar::StartAIO, 2, file, aio);
 }
 
@@ -30,8 +30,8 @@ bool VrnEvtMgrNative::stopAIO(VrnFile* file, VrnAIO* aio) {
   check_watch(file, aio);
   if (!file->impl) return true;  // never assigned, so never watched
   if (on_owner_thread()) {
-    file->impl->requested = true;
-    aio->requested = true;
+    file->impl->requested.store(true, std::memory_order_relaxed);
+    aio->requested.store(true, std::memory_order_relaxed);
     if (registrar->submit(AsyncRegistrar::StopAIO, 2, file, aio)) return false;
   }
   {

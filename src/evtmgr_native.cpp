@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -39,6 +40,8 @@ void wait(std::unique_lock<std::mutex>* lock, Condition condition) {
   change.wait(*lock, condition);
   --waiting;
 }
+
+std::atomic<int> callbacks_running{0};  // changed under the registry lock
 
 constexpr size_t InitialEntries = 128;
 // How long a stop from another thread waits for a running callback: one that itself waits for the
@@ -383,7 +386,7 @@ void VrnEvtMgrNative::wake() {
 bool VrnEvtMgrNative::startTimer(VrnTimer* timer) {
   if (!timer) throw VrnException(3, "EvtMgr: Null timer to start");
   if (!on_owner_thread()) return syncstartTimer(timer);
-  timer->impl->requested = true;
+  timer->impl->requested.store(true, std::memory_order_relaxed);
   return registrar->submit(AsyncRegistrar::StartTimer, 1, timer);
 }
 
@@ -500,12 +503,16 @@ VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_loc
                                     const void* object, const void* second)
     : mgr(manager), lock(registry_lock), objects{object, second}, outer(manager->callbacks) {
   mgr->callbacks = this;
+  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
   lock->unlock();
 }
 
 VrnEvtMgrNative::Callback::~Callback() {
   lock->lock();
   mgr->callbacks = outer;
+  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) - 1,
+                          std::memory_order_relaxed);
   notify_waiting();
 }
 
@@ -533,6 +540,9 @@ bool VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
 }
 
 void VrnEvtMgrNative::let_callback_finish(const void* object) {
+  // The caller has held the registry lock since the object was stopped, so a callback that it is to
+  // wait for is seen here.
+  if (callbacks_running.load(std::memory_order_relaxed) == 0) return;
   Lock lock(registry);
   if (!native_manager || native_manager->on_loop_thread()) return;
   ++waiting;

@@ -39,7 +39,9 @@ void close_on_exec(int fd) {
   fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
 }
 
-constexpr int MaxWakes = 16;  // read in one turn
+constexpr size_t RecordsPerRead = 16;
+constexpr int MaxReads = 4;             // in one turn
+constexpr size_t RequestsPerHold = 64;  // of the registry lock: other threads want it too
 
 // The write end that send_wake() uses, -1: none; and how many threads are writing to it. A signal
 // handler can take no lock, so the closer waits for the count instead.
@@ -106,16 +108,6 @@ bool AsyncRegistrar::is_open() const {
   return wfd != -1;
 }
 
-bool AsyncRegistrar::is_in_pipe() const {
-  VrnMutexGuard guard(mutex.get());
-  return in_pipe;
-}
-
-void AsyncRegistrar::set_in_pipe(bool value) {
-  VrnMutexGuard guard(mutex.get());
-  in_pipe = value;
-}
-
 void AsyncRegistrar::start() {
   mgr->syncstartAIO(rfile.get(), this);
 }
@@ -130,24 +122,29 @@ bool AsyncRegistrar::submit(int type, int nargs, ...) {
   va_end(args);
 
   VrnMutexGuard guard(mutex.get());
+  if (!accept(request) && (is_start(type) || stopped)) return false;
+  taken.store(taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  return true;
+}
+
+// False: the request was refused, unless it is one that is kept until the loop has ended.
+bool AsyncRegistrar::accept(const Request& request) {
   if (wfd != -1) {
     // One record in the pipe ends the wait of the loop; those behind it cost no system call. A full
     // pipe ends the wait as well.
-    if (in_pipe || !backlog.empty()) {
+    if (in_pipe || carrying_out || !backlog.empty()) {
       backlog.push_back(request);
-    } else {
-      in_pipe = write_record(request);
-      if (!in_pipe && errno == EAGAIN) backlog.push_back(request);
+      return true;
     }
-    if (in_pipe || !backlog.empty()) {
-      ++taken;
+    in_pipe = write_record(request);
+    if (in_pipe) return true;
+    if (errno == EAGAIN) {
+      backlog.push_back(request);
       return true;
     }
   }
-  if (is_start(type) || stopped) return false;
-  queue.push_back(request);
-  ++taken;
-  return true;
+  if (!is_start(int_word(request.words[0])) && !stopped) queue.push_back(request);
+  return false;
 }
 
 bool AsyncRegistrar::write_record(const Request& request) const {
@@ -161,60 +158,101 @@ bool AsyncRegistrar::write_record(const Request& request) const {
 // Requests in the pipe are older than those in the backlog. Both may grow while they are carried
 // out: stops are confirmed by callbacks, which may make requests.
 void AsyncRegistrar::aioReady(VrnFile*) {
-  for (int wakes = 0;;) {
-    Request request;
-    bool eof = false;
-    const int got = VrnFile::bread(rfile->fd, request.words.data(), RecordSize, true, 0, &eof);
-    if (got == RecordSize) {
-      if (int_word(request.words[0]) != WakeRecord) {
-        set_in_pipe(false);
-        if (!carry_out(request, "submitted", false)) return cancel(true);
-        continue;
+  // Threads that wake the loop again and again must not keep it from its next turn.
+  for (int reads = 0; reads < MaxReads; ++reads) {
+    std::array<Request, RecordsPerRead> records;
+    const ssize_t size = read_records(records.data(), sizeof records);
+    if (size == -1) return cancel(true);
+    const size_t count = static_cast<size_t>(size) / RecordSize;
+    for (size_t i = 0; i < count; ++i) {
+      if (int_word(records[i].words[0]) == WakeRecord) {
+        mgr->wake_sent = false;
+      } else {
+        take_from_pipe(records[i]);
       }
-      mgr->wake_sent = false;
-      // Threads that wake the loop again and again must not keep it from its next turn.
-      if (++wakes < MaxWakes || is_in_pipe()) continue;
     }
-    if (!carry_out_backlog()) return cancel(true);
-    if (got == -1 || eof) return cancel(got == -1);
-    if (is_in_pipe()) continue;
+    if (!carry_out_batches()) return cancel(true);
     // A process forked by the application may hold a copy of the write end, so after request 5 a
     // drained pipe counts as ended.
-    if (!is_open()) cancel(false);
-    return;
-  }
-}
-
-bool AsyncRegistrar::carry_out_backlog() {
-  for (;;) {
-    Request request;
-    {
-      VrnMutexGuard guard(mutex.get());
-      // One in the pipe is older than what has come to the backlog since.
-      if (in_pipe || backlog.empty()) return true;
-      request = backlog.front();
-      backlog.pop_front();
+    if (count < records.size()) {
+      if (at_end || !is_open()) cancel(false);
+      return;
     }
-    if (!carry_out(request, "submitted", false)) return false;
   }
 }
 
-// False when the request's type is unknown. The look at `voided` and what the request does to the
-// registrations are one step under the registry lock: no object can end in between.
-bool AsyncRegistrar::carry_out(Request request, const char* what, bool stops_only) {
-  std::unique_lock<std::mutex> lock(registry);
+// Returns the bytes read, 0 when there are none; sets `at_end` at the end of the pipe; -1: failed.
+ssize_t AsyncRegistrar::read_records(Request* records, size_t size) {
+  ssize_t got;
+  do {
+    errno = 0;
+    got = read(rfile->fd, records, size);
+  } while (got == -1 && errno == EINTR);
+  at_end = got == 0;
+  if (got == -1 && errno == EAGAIN) return 0;
+  if (got == -1) {
+    vrnlog(4, "Read failed on fd=%d, retval=%d after %d/%d (errno=%d)", rfile->fd, -1, 0,
+           static_cast<int>(size), errno);
+  }
+  return got;
+}
+
+void AsyncRegistrar::take_from_pipe(const Request& request) {
+  VrnMutexGuard guard(mutex.get());
+  in_pipe = false;
+  carrying_out = true;
+  batch.push_back(request);
+}
+
+// Carries out the request of the pipe, then those in memory, and those that are made meanwhile.
+// They are taken out together and carried out under one hold of the registry lock, which their
+// callbacks interrupt: a burst of requests costs each of them hardly more than its own work. False:
+// one is of an unknown type; those behind it stay.
+bool AsyncRegistrar::carry_out_batches() {
+  for (;;) {
+    if (batch.empty()) {
+      VrnMutexGuard guard(mutex.get());
+      carrying_out = !backlog.empty();
+      if (!carrying_out) return true;
+      batch.swap(backlog);
+    }
+    std::unique_lock<std::mutex> lock(registry);
+    for (size_t i = 0; i < batch.size(); ++i) {
+      if (!carry_out(&lock, batch[i], "submitted", false)) {
+        lock.unlock();
+        VrnMutexGuard guard(mutex.get());
+        backlog.insert(backlog.begin(), batch.begin() + static_cast<std::ptrdiff_t>(i) + 1,
+                       batch.end());
+        batch.clear();
+        carrying_out = false;
+        return false;
+      }
+      if (i % RequestsPerHold != RequestsPerHold - 1) continue;
+      lock.unlock();
+      lock.lock();
+    }
+    batch.clear();
+  }
+}
+
+// False when the request's type is unknown. Called with the registry lock held, which it may
+// release for a callback. The look at `voided` and what the request does to the registrations are
+// one step: no object can end in between.
+bool AsyncRegistrar::carry_out(std::unique_lock<std::mutex>* lock, Request request,
+                               const char* what, bool stops_only) {
   if (is_void(request)) return true;
   if (stops_only && is_start(int_word(request.words[0]))) {
-    refuse(&lock, request.words.data());
+    refuse(lock, request.words.data());
     return true;
   }
   try {
-    return process(&lock, request.words.data()) == 0;
+    return process(lock, request.words.data()) == 0;
   } catch (...) {
     const std::string reason = VrnException::handler();
-    if (lock.owns_lock()) refuse(&lock, request.words.data());
-    if (lock.owns_lock()) lock.unlock();
+    refuse(lock, request.words.data());
+    lock->unlock();
     vrnlog(1, "AsyncRegistrar: %s request threw [%s]", what, reason.c_str());
+    lock->lock();
     return true;
   }
 }
@@ -230,7 +268,6 @@ void AsyncRegistrar::refuse(std::unique_lock<std::mutex>* lock, void** record) {
 
 // Counts the request as it is taken out.
 bool AsyncRegistrar::is_void(const Request& request) {
-  VrnMutexGuard guard(mutex.get());
   const std::uint64_t number = carried_out++;
   if (voided.empty()) return false;
   const auto voids = [&](const void* object, const void* second) {
@@ -246,7 +283,6 @@ bool AsyncRegistrar::is_void(const Request& request) {
 }
 
 void AsyncRegistrar::voidRequests(const void* object, const void* second) {
-  VrnMutexGuard guard(mutex.get());
   if (carried_out < taken) voided[{object, second}] = taken;
 }
 
@@ -277,6 +313,7 @@ int AsyncRegistrar::process(std::unique_lock<std::mutex>* lock, void** record) {
     default:
       lock->unlock();
       vrnlog(1, "AsyncRegistrar: Invalid request-type (%d)", type);
+      lock->lock();
       return 1;
   }
   return 0;
@@ -316,7 +353,8 @@ void AsyncRegistrar::dispatcherStopped() {
   }
   // The loop may also have ended, by another thread or a failure, over requests that it had not
   // read: their stops are confirmed like those that came later.
-  for (const Request& request : rest) carry_out(request, "queued", true);
+  std::unique_lock<std::mutex> lock(registry);
+  for (const Request& request : rest) carry_out(&lock, request, "queued", true);
 }
 
 // For writers and connects that wait for the end of their watch to be deleted. Nobody else is

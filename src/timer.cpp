@@ -29,15 +29,15 @@ void ImplTimer::start(const timeval& when, const timeval& every) {
   if (state != Idle) {
     pending_expiry = when;
     pending_interval = every;
-    state = Restart;
+    become(Restart);
     return;
   }
   VrnEvtMgr* const evtmgr = event_manager_for("VrnTimer", tag.c_str());
   expiry = when;
   interval = every;
-  ++starts;
+  count_start();
   evtmgr->startTimer(owner);
-  state = Queued;
+  become(Queued);
 }
 
 bool ImplTimer::stop() {
@@ -46,11 +46,11 @@ bool ImplTimer::stop() {
     case Queued: {
       // With its event manager gone there is nothing left to stop.
       VrnEvtMgr* const evtmgr = VrnAppShell::evtmgr;
-      state = !evtmgr || evtmgr->stopTimer(owner) ? Idle : Stopping;
+      become(!evtmgr || evtmgr->stopTimer(owner) ? Idle : Stopping);
       break;
     }
     case Stopping: break;
-    case Restart: state = Stopping; break;  // forget the restart
+    case Restart: become(Stopping); break;  // forget the restart
   }
   return state == Idle;
 }
@@ -165,7 +165,7 @@ void VrnTimer::trigger(const timeval& now, unsigned start) {
   {
     VrnMutexGuard guard(&impl->mutex);
     if (impl->state != ImplTimer::Queued || impl->starts != start) return;
-    impl->state = ImplTimer::Idle;
+    impl->become(ImplTimer::Idle);
     if (timerisset(&impl->interval)) impl->start(sum(now, impl->interval), impl->interval);
   }
   timerExpired();
@@ -175,9 +175,9 @@ void VrnTimer::timerCancelled() {
   {
     VrnMutexGuard guard(&impl->mutex);
     switch (impl->state) {
-      case ImplTimer::Stopping: impl->state = ImplTimer::Idle; break;
+      case ImplTimer::Stopping: impl->become(ImplTimer::Idle); break;
       case ImplTimer::Restart:
-        impl->state = ImplTimer::Idle;
+        impl->become(ImplTimer::Idle);
         impl->start(impl->pending_expiry, impl->pending_interval);
         return;
       default:

@@ -27,6 +27,12 @@ struct ImplTimer {
   void start(const timeval& when, const timeval& every);
   bool stop();  // true: idle now
 
+  // The locks order what depends on these; a plain store is all that the others need.
+  void become(State s) { state.store(s, std::memory_order_relaxed); }
+  void count_start() {
+    starts.store(starts.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+
   VrnTimer* const owner;
   std::atomic<State> state{Idle};  // changed under `mutex`; the end of the loop looks without it
   timeval expiry{};                // unchanged while the event manager has the timer queued

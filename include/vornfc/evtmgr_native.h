@@ -252,7 +252,8 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   void cancel(bool err);     ///< Ends the watch of the pipe, and with it the loop.
   void dispatcherStopped();  ///< Carries out the stops that were kept; refuses any more.
 
-  /// Voids the requests made so far that name `object`, or both `object` and `second`. Any thread.
+  /// Voids the requests made so far that name `object`, or both `object` and `second`. Any thread,
+  /// with the registry lock held.
   void voidRequests(const void* object, const void* second = nullptr);
 
  private:
@@ -262,11 +263,13 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   };
 
   bool is_open() const;
-  bool is_in_pipe() const;
-  void set_in_pipe(bool value);
+  bool accept(const Request& request);
+  ssize_t read_records(Request* records, size_t size);
+  void take_from_pipe(const Request& request);
   bool is_void(const Request& request);
-  bool carry_out(Request request, const char* what, bool stops_only);
-  bool carry_out_backlog();
+  bool carry_out(std::unique_lock<std::mutex>* lock, Request request, const char* what,
+                 bool stops_only);
+  bool carry_out_batches();
   int process(std::unique_lock<std::mutex>* lock, void** record);
   void refuse(std::unique_lock<std::mutex>* lock, void** record);
   std::deque<Request> unread_requests();
@@ -280,12 +283,19 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   // Guarded by the mutex of VrnAIO.
   int wfd = -1;
   bool in_pipe = false;  // a request is in the pipe, unread
+  bool carrying_out = false;
   bool stopped = false;
-  std::deque<Request> backlog;  // requests behind the one in the pipe
-  std::deque<Request> queue;    // stops that came after the pipe was closed
+  std::vector<Request> backlog;  // requests behind the one in the pipe
+  std::deque<Request> queue;     // stops that came after the pipe was closed
+
+  // The dispatcher thread's own.
+  std::vector<Request> batch;  // those that are being carried out
+  bool at_end = false;         // of the pipe
+
   // Requests are carried out in the order in which they were taken, so their numbers need not
   // travel with them. An object's requests with a number below the one noted here are void.
-  std::uint64_t taken = 0;
+  // Guarded by the registry lock; `taken` is the owner thread's to change.
+  std::atomic<std::uint64_t> taken{0};
   std::uint64_t carried_out = 0;
   std::map<std::pair<const void*, const void*>, std::uint64_t> voided;
 };
