@@ -1,0 +1,225 @@
+// What an event costs in calls of the system and in allocations: a change that makes it dearer
+// fails here.
+#include "support/polling.h"
+#include "vornfc/appshell.h"
+#include "vornfc/async_rcvr.h"
+#include "vornfc/asyncw.h"
+#include "vornfc/evtmgr.h"
+#include "vornfc/file.h"
+#include "vornfc/log.h"
+#include "vornfc/timer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+
+namespace {
+
+// Of the thread that counts, which is the one that runs the loop.
+thread_local bool counting = false;
+int reads = 0, writes = 0, polls = 0, others = 0;
+long allocations = 0;
+
+void count(int* calls) {
+  if (counting) ++*calls;
+}
+
+}  // namespace
+
+ssize_t read(int fd, void* data, size_t size) {
+  count(&reads);
+  return syscall(SYS_read, fd, data, size);
+}
+ssize_t write(int fd, const void* data, size_t size) {
+  count(&writes);
+  return syscall(SYS_write, fd, data, size);
+}
+int fcntl(int fd, int command, ...) {
+  count(&others);
+  va_list args;
+  va_start(args, command);
+  const long argument = va_arg(args, long);
+  va_end(args);
+  return static_cast<int>(syscall(SYS_fcntl, fd, command, argument));
+}
+
+// Counts; gives way to the operators of a sanitizer that insists on its own, and then sees none.
+__attribute__((weak)) void* operator new(std::size_t size) {
+  if (counting) ++allocations;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+__attribute__((weak)) void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+__attribute__((weak)) void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
+namespace vornfc {
+namespace {
+
+constexpr int Warm = 100;  // events before the count begins: containers reach their size
+constexpr int Counted = 1000;
+
+struct CostTest : testing::Test {
+  CostTest() : mgr(VrnEvtMgr::instance(0)) {
+    VrnAppShell::evtmgr = mgr;
+    sys::set_poll(&counting_poll);
+  }
+  ~CostTest() override {
+    sys::set_poll(nullptr);
+    VrnEvtMgr::destroy();
+  }
+
+  // Called by each event's callback: begins to count, and ends the loop after the last one.
+  void step() {
+    if (++events == Warm) {
+      reads = writes = polls = others = 0;
+      allocations = 0;
+      counting = true;
+    }
+    if (events != Warm + Counted) return;
+    counting = false;
+    mgr->stopDispatcher();
+  }
+
+  VrnEvtMgr* const mgr;
+  int events = 0;
+  const sys::Poll counting_poll = [](pollfd* entries, nfds_t size, int timeout) {
+    count(&polls);
+    return sys::system_poll(entries, size, timeout);
+  };
+};
+
+// Sends back what comes, and takes a step each time.
+struct Echo : VrnAsyncReceiver {
+  explicit Echo(CostTest* cost_test) : VrnAsyncReceiver("echo"), test(cost_test) {}
+  void aioReady(VrnFile* file) override {
+    char buffer[64];
+    const ssize_t size = read(file->fd, buffer, sizeof buffer);
+    test->step();
+    EXPECT_EQ(writer->awrite(buffer, static_cast<int>(size)), 0);
+  }
+  void aioRemoved(VrnFile*, bool, bool) override {}
+
+  CostTest* const test;
+  VrnAsyncWriter* writer = nullptr;
+};
+
+TEST_F(CostTest, AnEchoedMessageIsThreeCallsAndNoAllocation) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+  VrnFile file;
+  file.assign(ends[0], "file", true);
+  VrnAsyncWriter writer(&file, false);
+  Echo echo(this);
+  echo.writer = &writer;
+  echo.aioStart(&file);
+  std::thread client([&] {
+    char byte = 'x';
+    for (int i = 0; i < Warm + Counted; ++i) {
+      EXPECT_EQ(::write(ends[1], &byte, 1), 1);
+      EXPECT_EQ(::read(ends[1], &byte, 1), 1);
+    }
+  });
+  mgr->startDispatcher();
+  client.join();
+  close(ends[1]);
+  // The count begins and ends in the middle of a message.
+  EXPECT_EQ(polls, Counted);
+  EXPECT_EQ(reads, Counted);
+  EXPECT_EQ(writes, Counted);
+  EXPECT_EQ(others, 0);
+  EXPECT_EQ(allocations, 0);
+}
+
+// Each expiry starts the timer anew: a request, so a write and a read of the registrar's pipe.
+struct Rearmed : VrnTimer {
+  explicit Rearmed(CostTest* cost_test) : VrnTimer("rearmed"), test(cost_test) {}
+  void timerExpired() override {
+    test->step();
+    if (test->events < Warm + Counted) startTimer(0, 0, 0, 0);
+  }
+  void timerStopped() override {}
+
+  CostTest* const test;
+};
+
+TEST_F(CostTest, ATimerThatIsStartedAnewIsThreeCallsAndNoAllocation) {
+  Rearmed timer(this);
+  timer.startTimer(0, 0, 0, 0);
+  mgr->startDispatcher();
+  EXPECT_EQ(polls, Counted);
+  EXPECT_EQ(reads, Counted);
+  EXPECT_EQ(writes, Counted);
+  EXPECT_EQ(others, 0);
+  EXPECT_EQ(allocations, 0);
+}
+
+TEST_F(CostTest, ManyTimersOfOneTurnTravelTogether) {
+  std::deque<Rearmed> timers;
+  for (int i = 0; i < 100; ++i) timers.emplace_back(this).startTimer(0, 0, 0, 0);
+  mgr->startDispatcher();
+  EXPECT_LE(polls, 50);
+  EXPECT_LE(reads, 50);
+  EXPECT_LE(writes, 50);
+  EXPECT_EQ(allocations, 0);
+}
+
+TEST_F(CostTest, ATurnWithoutWorkIsOnePoll) {
+  struct Far : VrnTimer {
+    Far() : VrnTimer("far") {}
+    void timerExpired() override {}
+    void timerStopped() override {}
+  } far_away;
+  far_away.startTimer(1000, 0, 0, 0);
+  const sys::Poll idle = [this](pollfd* entries, nfds_t size, int timeout) {
+    count(&polls);
+    if (events >= Warm + Counted) return sys::system_poll(entries, size, timeout);
+    step();
+    return 0;
+  };
+  sys::set_poll(&idle);
+  mgr->startDispatcher();
+  EXPECT_EQ(polls, Counted);
+  EXPECT_EQ(reads, 0);
+  EXPECT_EQ(others, 0);
+  EXPECT_EQ(allocations, 0);
+  sys::set_poll(&counting_poll);
+  // The one write was the request to stop, after the count.
+  EXPECT_EQ(writes, 0);
+}
+
+TEST(RecordCostTest, ARecordIsOneCallAndNoAllocation) {
+  const std::string path = "/tmp/vornfc_cost." + std::to_string(getpid());
+  {
+    VrnLog log("cost", path.c_str(), 1, 3, "", 3);
+    for (int i = 0; i < Warm; ++i) log.log(3, "%d", i);
+    reads = writes = others = 0;
+    allocations = 0;
+    counting = true;
+    for (int i = 0; i < Counted; ++i) log.log(3, "%s %d", "record", i);
+    for (int i = 0; i < Counted; ++i) log.log(4, "%s %d", "filtered", i);
+    counting = false;
+    EXPECT_EQ(writes, Counted);
+    EXPECT_EQ(reads, 0);
+    EXPECT_EQ(others, 0);
+    EXPECT_EQ(allocations, 0);
+  }
+  unlink(path.c_str());
+}
+
+}  // namespace
+}  // namespace vornfc
