@@ -7,8 +7,10 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 namespace vornfc {
@@ -39,18 +41,26 @@ std::string absolute_path(const std::string& name) {
   return error ? name : path;
 }
 
-bool is_one_of(const std::string& text, std::initializer_list<const char*> words) {
+// `text` has a NUL behind it.
+bool is_one_of(std::string_view text, std::initializer_list<const char*> words) {
   for (const char* word : words) {
-    if (strcasecmp(text.c_str(), word) == 0) return true;
+    if (strcasecmp(text.data(), word) == 0) return true;
   }
   return false;
 }
 
-bool is_space(char c) {
-  return std::isspace(static_cast<unsigned char>(c)) != 0;
+// The entries of a map in alphabetical order.
+template <class Value>
+auto sorted(const NocaseMap<Value>& map) {
+  std::vector<const std::pair<const std::string, Value>*> entries;
+  entries.reserve(map.size());
+  for (const auto& entry : map) entries.push_back(&entry);
+  std::sort(entries.begin(), entries.end(),
+            [](const auto* a, const auto* b) { return VrnNocaseStringLess()(a->first, b->first); });
+  return entries;
 }
 
-void dump_value(std::FILE* stream, const std::string& value) {
+void dump_value(std::FILE* stream, std::string_view value) {
   if (value.empty()) return;
   const bool quoted = is_space(value.front()) || is_space(value.back());
   if (quoted) std::fputc('"', stream);
@@ -85,8 +95,9 @@ struct ImplConfig {
   // Null when missing; with `mustExist` they throw instead.
   const group_t* find_group(const std::string& group, bool mustExist) const;
   const item_t* find_item(const std::string& group, const std::string& item, bool mustExist) const;
-  const std::string* find_value(const std::string& group, const std::string& item, bool mustExist,
-                                unsigned int index) const;
+  // Null data when missing; otherwise a NUL is behind it.
+  std::string_view find_value(const std::string& group, const std::string& item, bool mustExist,
+                              unsigned int index) const;
 
   std::string filename;  // as given; empty: no file
   std::string path;      // the file that was meant when it was given
@@ -118,15 +129,15 @@ const item_t* ImplConfig::find_item(const std::string& group, const std::string&
   return nullptr;
 }
 
-const std::string* ImplConfig::find_value(const std::string& group, const std::string& item,
-                                          bool mustExist, unsigned int index) const {
+std::string_view ImplConfig::find_value(const std::string& group, const std::string& item,
+                                        bool mustExist, unsigned int index) const {
   const item_t* found = find_item(group, item, mustExist);
-  if (found && index < found->values.size()) return &found->values[index];
+  if (found && index < found->values.size()) return found->values.view(index);
   if (mustExist) {
     throw VrnException(9, "VrnConfig: No such item <%s, %s, %d>", group.c_str(), item.c_str(),
                        static_cast<int>(index));
   }
-  return nullptr;
+  return {};
 }
 
 VrnConfig::VrnConfig() : impl(std::make_unique<ImplConfig>()) {}
@@ -186,41 +197,42 @@ std::vector<std::string> VrnConfig::values(const std::string& group, const std::
 
 std::string VrnConfig::value(const std::string& group, const std::string& item, bool mustExist,
                              unsigned int index) const {
-  const std::string* found = impl->find_value(group, item, mustExist, index);
-  return found ? *found : std::string();
+  return std::string(impl->find_value(group, item, mustExist, index));
 }
 
 bool VrnConfig::boolval(const std::string& group, const std::string& item, bool defval,
                         unsigned int index) const {
-  const std::string* text = impl->find_value(group, item, false, index);
-  if (!text || text->empty()) return defval;
-  if (is_one_of(*text, {"Yes", "Y", "true"})) return true;
-  if (is_one_of(*text, {"No", "N", "false"})) return false;
-  throw VrnException(9, "VrnConfig: Invalid Boolean value=%s <%s, %s, %d>", text->c_str(),
+  const std::string_view text = impl->find_value(group, item, false, index);
+  if (text.empty()) return defval;
+  if (is_one_of(text, {"Yes", "Y", "true"})) return true;
+  if (is_one_of(text, {"No", "N", "false"})) return false;
+  throw VrnException(9, "VrnConfig: Invalid Boolean value=%s <%s, %s, %d>", text.data(),
                      group.c_str(), item.c_str(), static_cast<int>(index));
 }
 
 int VrnConfig::intval(const std::string& group, const std::string& item, int defval,
                       unsigned int index) const {
-  const std::string* text = impl->find_value(group, item, false, index);
-  if (!text || text->empty()) return defval;
-  if (!isdecstr(text->c_str())) {
-    throw VrnException(9, "VrnConfig: Invalid Integer value=%s <%s, %s, %d>", text->c_str(),
+  const std::string_view text = impl->find_value(group, item, false, index);
+  if (text.empty()) return defval;
+  if (!isdecstr(text.data())) {
+    throw VrnException(9, "VrnConfig: Invalid Integer value=%s <%s, %s, %d>", text.data(),
                        group.c_str(), item.c_str(), static_cast<int>(index));
   }
-  return static_cast<int>(std::strtol(text->c_str(), nullptr, 10));
+  return static_cast<int>(std::strtol(text.data(), nullptr, 10));
 }
 
 void VrnConfig::dump(std::FILE* stream) const {
   const char* const name = impl->filename.c_str();
-  const auto& [groups, grpnams] = impl->content;
+  const auto& groups = impl->content.groups;
+  const auto& grpnams = impl->content.grpnams;
   VrnAssertFull(stream != nullptr, "VrnConfig %s: Null stream for dump", name);
   std::fprintf(stream, "%c Filename = %s\n", '#', name);
   std::fprintf(stream, "%c %ld Groups\n", '#', static_cast<long>(groups.size()));
-  for (const auto& [key, group] : groups) {
+  for (const auto* entry : sorted(groups)) {
+    const group_t& group = entry->second;
     std::fprintf(stream, "\n%c%s%c\n", '[', group.name.c_str(), ']');
     std::fprintf(stream, "%c %ld Items\n", '#', static_cast<long>(group.items.size()));
-    for (const auto& [item_name, item] : group.items) dump_item(stream, item_name, item);
+    for (const auto* item : sorted(group.items)) dump_item(stream, item->first, item->second);
     VrnAssertFull(group.items.size() == group.itemnams.size(),
                   "VrnConfig %s: In Group %s, items=%d but itemnams=%d", name, group.name.c_str(),
                   static_cast<int>(group.items.size()), static_cast<int>(group.itemnams.size()));

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <string>
-#include <utility>
 
 namespace vornfc {
 
@@ -43,6 +41,27 @@ std::string_view unquoted(std::string_view value) {
 
 }  // namespace
 
+bool has_cases_beyond_ascii(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char letter) {
+    const auto c = static_cast<unsigned char>(letter);
+    if (c == 'i' || c == 'I') return std::tolower('I') != 'i';
+    return c > 0x7f && (std::tolower(c) != c || std::toupper(c) != c);
+  });
+}
+
+std::string_view TextStore::add(std::string_view text) {
+  if (text.size() > left) {
+    left = std::max(text.size(), next_size);
+    room = blocks.emplace_back(new char[left]).get();
+    if (next_size < 65536) next_size *= 2;
+  }
+  char* const stored = room;
+  text.copy(stored, text.size());
+  room += text.size();
+  left -= text.size();
+  return {stored, text.size()};
+}
+
 void ConfigSink::onLine(int, std::string_view) {}
 void ConfigSink::onGroup(int, const group_t&) {}
 void ConfigSink::onItem(int, const group_t&, const std::string&, const item_t&) {}
@@ -52,7 +71,9 @@ group_t::group_t(const group_t& other) : name(other.name), items(other.items) {
 }
 
 ConfigParser::ConfigParser(std::FILE* stream, ConfigContent* content, ConfigSink* reports)
-    : in(stream), out(content), sink(reports), group_hint(content->groups.end()) {}
+    : in(stream), out(content), sink(reports) {
+  if (!out->texts) out->texts = std::make_shared<TextStore>();
+}
 
 void ConfigParser::parse_file() {
   while (read_line()) {
@@ -102,60 +123,53 @@ void ConfigParser::parse_group(std::string_view text) {
     reject_group(text);
     fail("Invalid group-name brackets " + bracketed(text));
   }
-  const std::string name(trimmed(text.substr(1, text.size() - 2)));
-  const std::size_t known = out->groups.size();
-  const auto entry = out->groups.emplace_hint(group_hint, name, group_t(name));
-  if (out->groups.size() == known) {
+  const std::string_view name = trimmed(text.substr(1, text.size() - 2));
+  const std::uint32_t hash = nocase_hash(name);
+  if (out->groups.find(name, hash) != out->groups.end()) {
     reject_group(name);
-    fail("Duplicate " + name + " group");
+    fail("Duplicate " + std::string(name) + " group");
   }
-  group_hint = std::next(entry);
-  out->grpnams.push_back(name);
-  enter(&entry->second);
+  group = &out->groups.add(name, hash, name).second;
+  out->grpnams.emplace_back(name);
   sink->onGroup(lineno, *group);
 }
 
 void ConfigParser::reject_group(std::string_view name) {
-  rejected = group_t(std::string(name));
-  enter(&rejected);
-}
-
-void ConfigParser::enter(group_t* entered) {
-  group = entered;
-  item_hint = group->items.end();
+  rejected = group_t(name);
+  group = &rejected;
 }
 
 void ConfigParser::parse_item(std::string_view text) {
   if (!group) fail("Not in group !");
   const std::size_t delimiter = text.find('=');
   if (delimiter == text.npos) fail("Missing name/value delimiter " + bracketed(text));
-  const std::string name(trimmed(text.substr(0, delimiter)));
-  const std::size_t known = group->items.size();
-  const auto entry = group->items.emplace_hint(item_hint, name, item_t());
-  if (group->items.size() == known) {
-    fail("Duplicate " + name + " item in group " + group->name);
+  const std::string_view name = trimmed(text.substr(0, delimiter));
+  const std::uint32_t hash = nocase_hash(name);
+  if (group->items.find(name, hash) != group->items.end()) {
+    fail("Duplicate " + std::string(name) + " item in group " + group->name);
   }
-  item_hint = std::next(entry);
-  try {
-    parse_values(&entry->second, text.substr(delimiter + 1));
-    group->itemnams.push_back(&entry->first);
-  } catch (...) {
-    group->items.erase(entry);
-    throw;
-  }
-  sink->onItem(lineno, *group, entry->first, entry->second);
+  const auto& entry =
+      group->items.add(name, hash, item_t{parse_values(text.substr(delimiter + 1))});
+  group->itemnams.push_back(&entry.first);
+  sink->onItem(lineno, *group, entry.first, entry.second);
 }
 
-void ConfigParser::parse_values(item_t* item, std::string_view text) {
-  auto& values = item->values;
-  while (!text.empty()) {
+// Empty values at the end do not count.
+Values ConfigParser::parse_values(std::string_view text) {
+  packed.clear();
+  std::size_t length = 0;
+  std::size_t count = 0;
+  for (std::size_t index = 0; !text.empty(); ++index) {
     const std::string_view value = trimmed(next_value(&text));
     if (!well_quoted(value)) {
-      fail("Mismatched quotes in value " + std::to_string(values.size()) + " " + bracketed(value));
+      fail("Mismatched quotes in value " + std::to_string(index) + " " + bracketed(value));
     }
-    values.emplace_back(unquoted(value));
+    Values::append(&packed, unquoted(value));
+    if (unquoted(value).empty()) continue;
+    length = packed.size();
+    count = index + 1;
   }
-  while (!values.empty() && values.back().empty()) values.pop_back();
+  return {out->texts->add({packed.data(), length}), count};
 }
 
 // Takes the first value and its separator off the text. The result, which has no escapes any more,

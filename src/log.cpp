@@ -20,10 +20,12 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 namespace vornfc {
@@ -158,7 +160,7 @@ pid_t process_id() {
 
 // "<pid>-<tid> " of the calling thread, put together once in a thread's life in a process.
 std::string_view thread_ids() {
-  static thread_local struct {
+  __attribute__((tls_model("initial-exec"))) static thread_local struct {
     pid_t process = 0;  // that `text` names; 0: none
     unsigned length = 0;
     char text[40];
@@ -206,9 +208,14 @@ class Record {
   }
 
   __attribute__((format(printf, 3, 0))) void add(va_list ap, const char* fmt) {
-    text[end] = '\0';  // what remains when the arguments cannot be formatted
-    std::vsnprintf(text + end, MAX_END + 1 - end, fmt, ap);
-    end += std::strlen(text + end);
+    va_list again;
+    va_copy(again, ap);
+    if (!addPlain(ap, fmt)) {
+      text[end] = '\0';  // what remains when the arguments cannot be formatted
+      std::vsnprintf(text + end, MAX_END + 1 - end, fmt, again);
+      end += std::strlen(text + end);
+    }
+    va_end(again);
   }
 
   std::size_t length() const { return end - 1; }
@@ -224,6 +231,41 @@ class Record {
 
  private:
   static constexpr std::size_t MAX_END = 2048;
+
+  // Adds what vsnprintf() does, in a fraction of its time, for a format with none but the plain
+  // conversions that most records have. False: it has others, and nothing was added.
+  __attribute__((format(printf, 3, 0))) bool addPlain(va_list ap, const char* fmt) {
+    const std::size_t begin = end;
+    std::string_view rest = fmt;
+    for (std::size_t at; (at = rest.find('%')) != rest.npos; rest.remove_prefix(1)) {
+      add(rest.substr(0, at));
+      rest.remove_prefix(at + 1);
+      const bool is_long = !rest.empty() && rest.front() == 'l';
+      if (is_long) rest.remove_prefix(1);
+      const char conversion = rest.empty() ? '\0' : rest.front();
+      if (conversion == 'd') {
+        addNumber(is_long ? va_arg(ap, long) : va_arg(ap, int), 10);
+      } else if (conversion == 'u' || conversion == 'x') {
+        addNumber(is_long ? va_arg(ap, unsigned long) : va_arg(ap, unsigned),
+                  conversion == 'u' ? 10 : 16);
+      } else if (const char* word; conversion == 's' && !is_long && (word = va_arg(ap, char*))) {
+        add(std::string_view(word));
+      } else {
+        end = begin;
+        return false;
+      }
+    }
+    add(rest);
+    return true;
+  }
+
+  template <class Number>
+  void addNumber(Number number, int base) {
+    char digits[20];  // of 64 bits, with a sign
+    const char* const digits_end =
+        std::to_chars(std::begin(digits), std::end(digits), number, base).ptr;
+    add(std::string_view(digits, static_cast<std::size_t>(digits_end - digits)));
+  }
 
   void addFraction(long number, int digits) {
     char decimal[] = ".000000";
