@@ -1,7 +1,7 @@
 // Bytes that go round in a ring of pipes: the time from one event to the next.
 //   watched=100      pipes
 //   active=watched   bytes under way, at even distances
-//   events=...       that are measured; a tenth as many go before
+//   events=500000    to measure, a second at most
 #include "chain.h"
 
 #include <fcntl.h>
@@ -13,8 +13,9 @@
 namespace {
 
 std::vector<int> next_of;  // the writing end that follows the descriptor
-long events_left = 0;      // until the end, or until measuring begins
-long events_to_measure = 0;
+long warm_up = 0;          // events that go before
+long limit = 0;
+long events = 0;
 double begin = 0, end = 0;
 
 [[noreturn]] void fail(const char* what) {
@@ -24,15 +25,14 @@ double begin = 0, end = 0;
 
 void measure(const Watch& watch, const compare::Arguments& arguments) {
   const auto watched = static_cast<size_t>(arguments.number("watched", 100));
-  const long all = static_cast<long>(watched);
-  const auto active = static_cast<size_t>(arguments.number("active", all));
-  // poll() takes a time for each that is watched, however few are active.
-  const long events = arguments.number("events", active < watched ? 20000000 / all : 500000);
+  const auto active = static_cast<size_t>(arguments.number("active", static_cast<long>(watched)));
+  limit = arguments.number("events", 500000);
+  warm_up = static_cast<long>(watched);
 
-  rlimit limit;
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
+  rlimit files;
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
 
   std::vector<int> fds, writing_ends;
   for (size_t i = 0; i < watched; ++i) {
@@ -49,8 +49,6 @@ void measure(const Watch& watch, const compare::Arguments& arguments) {
     if (write(writing_ends[i * watched / active], "b", 1) != 1) fail("write");
   }
 
-  events_left = events / 10 + 1;
-  events_to_measure = events;
   watch(fds);
   if (end == 0) {
     std::fputs("the loop ended early\n", stderr);
@@ -66,12 +64,12 @@ bool pass(int fd) {
   char byte;
   if (read(fd, &byte, 1) != 1) fail("read");
   if (write(next_of[static_cast<size_t>(fd)], &byte, 1) != 1) fail("write");
-  if (--events_left > 0) return true;
-  if (begin == 0) {
-    events_left = events_to_measure;
-    begin = compare::now();
+  if (warm_up > 0) {
+    if (--warm_up == 0) begin = compare::now();
     return true;
   }
+  ++events;
+  if (events < limit && (events % 1000 != 0 || compare::now() < begin + 1)) return true;
   end = compare::now();
   return false;
 }

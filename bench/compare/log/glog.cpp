@@ -21,6 +21,7 @@ void records(int count) {
 
 void filtered(int count) {
   for (int i = 0; i < count; ++i) {
+    next_record();
     VLOG(1) << "Request " << i << " of the session was answered after " << 93L << " us";
   }
 }

@@ -29,6 +29,7 @@ void records(int count) {
 
 void filtered(int count) {
   for (int i = 0; i < count; ++i) {
+    next_record();
     LOG4CPLUS_DEBUG_FMT(logger, "Request %d of the session was answered after %ld us", i, 93L);
   }
 }

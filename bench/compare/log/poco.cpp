@@ -30,6 +30,7 @@ void records(int count) {
 
 void filtered(int count) {
   for (int i = 0; i < count; ++i) {
+    next_record();
     if (logger->debug()) {
       logger->debug("Request %d of the session was answered after %ld us", i, 93L);
     }

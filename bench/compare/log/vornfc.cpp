@@ -17,6 +17,7 @@ void records(int count) {
 
 void filtered(int count) {
   for (int i = 0; i < count; ++i) {
+    next_record();
     logger->log(4, "Request %d of the session was answered after %ld us", i, 93L);
   }
 }

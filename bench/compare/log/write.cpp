@@ -25,6 +25,7 @@ volatile int level = 3;
 
 void filtered(int count) {
   for (int i = 0; i < count; ++i) {
+    next_record();
     if (4 <= level) records(1);
   }
 }

@@ -11,11 +11,22 @@ void ready(evutil_socket_t, short, void* number) {
   expired(reinterpret_cast<size_t>(number));
 }
 
-void open(size_t count) {
-  base = event_base_new();
+void open_with(int flags, size_t count) {
+  event_config* const config = event_config_new();
+  event_config_set_flag(config, flags);
+  base = event_base_new_with_config(config);
   for (size_t i = 0; i < count; ++i) {
     timers.push_back(evtimer_new(base, ready, reinterpret_cast<void*>(i)));
   }
+}
+
+// As it comes, its clock has steps of several milliseconds.
+void open(size_t count) {
+  open_with(0, count);
+}
+
+void open_precise(size_t count) {
+  open_with(EVENT_BASE_FLAG_PRECISE_TIMER, count);
 }
 
 void start(size_t timer, long usec) {
@@ -36,5 +47,6 @@ void quit() {
 }
 
 const compare::Enter<Timers> entry("libevent", {open, start, stop, run, quit});
+const compare::Enter<Timers> precise("libevent_precise", {open_precise, start, stop, run, quit});
 
 }  // namespace

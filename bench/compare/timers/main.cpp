@@ -1,11 +1,10 @@
 // Timers, in one of four scenarios; times are CPU time, so waiting does not count, but for `late`.
 //   scenario=expire   count=100000 timers, due at all times of the next 100 ms, are set and expire
-//   scenario=rearm    1000 timers set themselves anew, delay=1000 us ahead, whenever they expire,
-//   in
-//                     the company of armed=10000 that are far ahead; in each callback others=0 of
-//                     these are set anew as well; count=500000 settings
+//   scenario=rearm    1000 timers set themselves anew whenever they expire, delay=1000 us ahead, in
+//                     the company of armed=10000 that are far ahead; each callback sets others=0
+//                     of these anew as well; count=1000000 settings, a second at most
 //   scenario=outside  one timer is set and taken back, outside of the loop, in the company of
-//                     armed=10000; count=500000 times
+//                     armed=10000; count=2000000 times
 //   scenario=late     count=100 timers, one at a time, due in 1 to 20 ms: how late they expire,
 //                     against the time of the call that set them; below 0: early
 #include "timers.h"
@@ -27,7 +26,7 @@ size_t armed, count, done;
 double begin, end;
 
 long random_up_to(long limit) {
-  return static_cast<long>(generator() % static_cast<unsigned long>(limit));
+  return static_cast<long>(generator()) % limit;
 }
 
 long far_ahead() {
@@ -67,7 +66,8 @@ void expire() {
 
 constexpr size_t Rearming = 1000;
 long delay;
-size_t others, next_other;
+size_t others, next_other, expiries;
+double time_limit;
 
 void set_anew(size_t timer) {
   if (end != 0) return;
@@ -77,10 +77,13 @@ void set_anew(size_t timer) {
     next_other = (next_other + 7919) % armed;
   }
   done += 1 + others;
-  if (begin == 0 && done >= count / 10) {  // after a warm-up
-    begin = cpu();
+  const bool check = ++expiries % 1000 == 0;
+  if (begin == 0) {
+    if (!check) return;
+    begin = cpu();  // every timer has expired once
+    time_limit = now() + 1;
     done = 0;
-  } else if (begin != 0 && done >= count) {
+  } else if (done >= count || (check && now() > time_limit)) {
     end = cpu();
     timers->quit();
   }
@@ -160,8 +163,8 @@ struct Scenario {
   void (*measure)();
 };
 constexpr Scenario scenarios[] = {{"expire", 100000, expire},
-                                  {"rearm", 500000, rearm},
-                                  {"outside", 500000, outside},
+                                  {"rearm", 1000000, rearm},
+                                  {"outside", 2000000, outside},
                                   {"late", 100, late}};
 
 void measure(const Timers& contender, const compare::Arguments& arguments) {
