@@ -1,5 +1,6 @@
 #include "evtmgr_impl.h"
 #include "file_impl.h"
+#include "ready_wait.h"
 #include "text.h"
 #include "vornfc/evtmgr_native.h"
 #include "vornfc/exception.h"
@@ -173,6 +174,7 @@ void VrnEvtMgrNative::clear_slot(iofile_t* record, size_t slot) {
 // The last entry takes the place of the one that goes.
 void VrnEvtMgrNative::remove_entry(iofile_t* record) {
   const int position = record->pidx;
+  ready_wait->forget(record->file->impl->watched_fd);
   record->file->impl->watched_fd = -1;
   record->file = nullptr;
   record->pidx = -1;

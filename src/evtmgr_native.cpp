@@ -2,6 +2,7 @@
 
 #include "evtmgr_impl.h"
 #include "file_impl.h"
+#include "ready_wait.h"
 #include "text.h"
 #include "timer_impl.h"
 #include "timer_queue.h"
@@ -61,16 +62,6 @@ int timer_precision() {
   return static_cast<int>(std::clamp<long>(value, MinTimerPrecision, INT_MAX));
 }
 
-// A process that is forked while another thread holds the registry lock must not have it locked.
-void guard_forks() {
-  static const int once = pthread_atfork([] { registry.lock(); }, [] { registry.unlock(); },
-                                         [] {
-                                           registry.unlock();
-                                           forget_wakers();
-                                         });
-  if (once != 0) throw VrnException(2, "EvtMgr: pthread_atfork() failed (%d)", once);
-}
-
 template <class Container>
 int count(const Container& container) {
   return static_cast<int>(container.size());
@@ -86,6 +77,7 @@ void notify_waiting() {
 
 VrnEvtMgrNative::VrnEvtMgrNative()
     : timers(new TimerQueue),
+      ready_wait(new ReadyWait),
       throwtasks(env_is_yes("VORN_EM_THROWTASKS")),
       timerprec(timer_precision()),
       owner(pthread_self()),
@@ -113,6 +105,17 @@ VrnEvtMgrNative::~VrnEvtMgrNative() {
     while (!pollfds.empty()) unregister(iofiles[static_cast<size_t>(pollfds.back().fd)].file);
   }
   registrar.reset();
+}
+
+// A process that is forked while another thread holds the registry lock must not have it locked.
+void VrnEvtMgrNative::guard_forks() {
+  static const int once = pthread_atfork([] { registry.lock(); }, [] { registry.unlock(); },
+                                         [] {
+                                           VrnEvtMgrNative::forked();
+                                           registry.unlock();
+                                           forget_wakers();
+                                         });
+  if (once != 0) throw VrnException(2, "EvtMgr: pthread_atfork() failed (%d)", once);
 }
 
 // ---- the loop ----
@@ -200,37 +203,40 @@ int VrnEvtMgrNative::wait_for_events(int timeout) {
   {
     const Lock lock(registry);
     if (pollfds_changed) {
-      polled = pollfds;
       serials.clear();
-      for (const pollfd& entry : polled) {
+      for (const pollfd& entry : pollfds) {
         serials.push_back(iofiles[static_cast<size_t>(entry.fd)].serial);
       }
+      ready_wait->assign(pollfds, serials);
       pollfds_changed = false;
     }
   }
-  int ready = poll(polled.data(), polled.size(), timeout);
-  if (ready == -1) {
-    if (errno != EINTR) throw VrnException(2, "poll() on %d files failed", count(polled));
+  if (!ready_wait->poll(timeout)) {
+    if (errno != EINTR)
+      throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
     errno = 0;
     return 0;
   }
   const Lock lock(registry);
-  walked = 0;
+  ready_wait->collect();
+  walked = next_of_ready = 0;
+  int ready = count(ready_wait->ready());
   if (!pollfds_changed) {
+    ready_wait->settle();
     walking = true;
     return ready;
   }
   for (pollfd& entry : pollfds) entry.revents = 0;
-  for (size_t i = 0; i < polled.size(); ++i) {
-    if (polled[i].revents == 0) continue;
-    const iofile_t& record = iofiles[static_cast<size_t>(polled[i].fd)];
+  for (const size_t i : ready_wait->ready()) {
+    const pollfd& returned = ready_wait->entries()[i];
+    const iofile_t& record = iofiles[static_cast<size_t>(returned.fd)];
     if (record.pidx == -1 || record.serial != serials[i]) {
       --ready;  // an event of a watch that has ended
       continue;
     }
     pollfd& entry = pollfds[static_cast<size_t>(record.pidx)];
-    const auto unasked = static_cast<short>(polled[i].events & ~entry.events);
-    entry.revents = static_cast<short>(polled[i].revents & ~unasked);
+    const auto unasked = static_cast<short>(returned.events & ~entry.events);
+    entry.revents = static_cast<short>(returned.revents & ~unasked);
   }
   return ready;
 }
@@ -257,22 +263,27 @@ void VrnEvtMgrNative::deliver_ready(int ready) {
   walking = false;
 }
 
-// Most turns change no registration: the walk then goes over what poll() has filled in, and pollfds
+// Most turns change no registration: the walk then goes over what the wait has found, and pollfds
 // is not even looked at.
 bool VrnEvtMgrNative::next_ready(pollfd* entry, iofile_t* record) {
-  const std::vector<pollfd>& entries = pollfds_changed ? pollfds : polled;
-  while (walked < entries.size() && entries[walked].revents == 0) ++walked;
-  if (walked >= entries.size()) return false;
-  *entry = entries[walked];
+  if (pollfds_changed) {
+    while (walked < pollfds.size() && pollfds[walked].revents == 0) ++walked;
+    if (walked >= pollfds.size()) return false;
+    *entry = pollfds[walked];
+  } else {
+    if (next_of_ready >= ready_wait->ready().size()) return false;
+    walked = ready_wait->ready()[next_of_ready++];
+    *entry = ready_wait->entries()[walked];
+  }
   *record = iofiles[static_cast<size_t>(entry->fd)];
   return true;
 }
 
-// The first change after poll() makes pollfds what the rest of the walk goes over.
+// The first change after the wait makes pollfds what the rest of the walk goes over.
 void VrnEvtMgrNative::before_change() {
   if (walking && !pollfds_changed) {
     for (size_t i = 0; i < pollfds.size(); ++i) {
-      pollfds[i].revents = i < walked ? short{0} : polled[i].revents;
+      pollfds[i].revents = i < walked ? short{0} : ready_wait->entries()[i].revents;
     }
   }
   pollfds_changed = true;
@@ -499,6 +510,13 @@ void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
   }
 }
 
+// In the child, with the registry lock held.
+void VrnEvtMgrNative::forked() {
+  if (!native_manager) return;
+  native_manager->ready_wait->forked();
+  native_manager->pollfds_changed = true;
+}
+
 VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_lock,
                                     const void* object, const void* second)
     : mgr(manager), lock(registry_lock), objects{object, second}, outer(manager->callbacks) {
@@ -512,7 +530,7 @@ VrnEvtMgrNative::Callback::~Callback() {
   lock->lock();
   mgr->callbacks = outer;
   callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) - 1,
-                          std::memory_order_relaxed);
+                          std::memory_order_release);
   notify_waiting();
 }
 
@@ -542,9 +560,10 @@ bool VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
 void VrnEvtMgrNative::let_callback_finish(const void* object) {
   // The caller has held the registry lock since the object was stopped, so a callback that it is to
   // wait for is seen here.
-  if (callbacks_running.load(std::memory_order_relaxed) == 0) return;
+  if (callbacks_running.load(std::memory_order_acquire) == 0) return;
   Lock lock(registry);
   if (!native_manager || native_manager->on_loop_thread()) return;
+  if (!native_manager->in_callback(object)) return;
   ++waiting;
   change.wait_for(lock, CallbackGrace,
                   [&] { return !native_manager || !native_manager->in_callback(object); });

@@ -346,9 +346,7 @@ void AsyncRegistrar::dispatcherStopped() {
   {
     VrnMutexGuard guard(mutex.get());
     stopped = true;
-    rest.insert(rest.end(), backlog.begin(), backlog.end());
     rest.insert(rest.end(), queue.begin(), queue.end());
-    backlog.clear();
     queue.clear();
   }
   // The loop may also have ended, by another thread or a failure, over requests that it had not
@@ -360,13 +358,7 @@ void AsyncRegistrar::dispatcherStopped() {
 // For writers and connects that wait for the end of their watch to be deleted. Nobody else is
 // called: an application does not expect a callback while it destroys the event manager.
 void AsyncRegistrar::confirm_ends() {
-  std::deque<Request> rest = unread_requests();
-  {
-    VrnMutexGuard guard(mutex.get());
-    rest.insert(rest.end(), backlog.begin(), backlog.end());
-    backlog.clear();
-  }
-  for (const Request& request : rest) {
+  for (const Request& request : unread_requests()) {
     std::unique_lock<std::mutex> lock(registry);
     if (is_void(request) || int_word(request.words[0]) != StopAIO) continue;
     const auto file = static_cast<VrnFile*>(request.words[1]);
@@ -375,13 +367,21 @@ void AsyncRegistrar::confirm_ends() {
   }
 }
 
+// Those that were taken and are not carried out; the pipe is empty afterwards.
 std::deque<AsyncRegistrar::Request> AsyncRegistrar::unread_requests() {
   std::deque<Request> unread;
-  Request request;
-  bool eof = false;
-  while (VrnFile::bread(rfile->fd, request.words.data(), RecordSize, true, 0, &eof) == RecordSize) {
-    if (int_word(request.words[0]) != WakeRecord) unread.push_back(request);
+  std::array<Request, RecordsPerRead> records;
+  for (;;) {
+    const ssize_t size = read_records(records.data(), sizeof records);
+    if (size <= 0) break;
+    for (size_t i = 0; i < static_cast<size_t>(size) / RecordSize; ++i) {
+      if (int_word(records[i].words[0]) != WakeRecord) unread.push_back(records[i]);
+    }
   }
+  VrnMutexGuard guard(mutex.get());
+  unread.insert(unread.end(), backlog.begin(), backlog.end());
+  in_pipe = false;
+  backlog.clear();
   return unread;
 }
 

@@ -24,6 +24,7 @@ namespace vornfc {
 
 class AsyncRegistrar;
 struct ImplAppShell;
+class ReadyWait;
 class TimerQueue;
 
 /// The event manager that waits in poll(). Reached through VrnEvtMgr::instance(); its settings are
@@ -169,6 +170,9 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   void unqueue(VrnTimer* timer);
   bool in_callback(const void* object) const;
 
+  static void guard_forks();
+  static void forked();  // in a forked process
+
   void wake();  // ends the wait of the loop, when called on another thread
 
   // An object ends: whatever is registered or requested for it is dropped, and a callback that runs
@@ -192,7 +196,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   const std::unique_ptr<TimerQueue> timers;
   std::map<int, VrnSignalHandler*> sighandlers;
   Callback* callbacks = nullptr;
-  bool pollfds_changed = true;  // since they were copied into `polled`
+  bool pollfds_changed = true;  // since they were given to `ready_wait`
   bool walking = false;         // between poll() and the end of the walk
   size_t walked = 0;            // the position that the walk has reached
 
@@ -200,8 +204,10 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   std::atomic<bool> wake_sent{false};
 
   // The dispatcher thread's own.
-  std::vector<pollfd> polled;     // what poll() works on while other threads may change pollfds
-  std::vector<unsigned> serials;  // of the registrations behind `polled`
+  const std::unique_ptr<ReadyWait>
+      ready_wait;                 // has a copy of pollfds: other threads may change these
+  std::vector<unsigned> serials;  // of the registrations behind the copy
+  size_t next_of_ready = 0;       // of those that `ready_wait` has found
   VrnAIO* curaio = nullptr;       // the watcher that handleIO calls; compared, never dereferenced
   bool throwtasks = false;
   int timerprec = 1000;

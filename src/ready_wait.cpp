@@ -1,0 +1,226 @@
+#include "ready_wait.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+
+namespace vornfc {
+
+namespace {
+
+constexpr long DefaultMostPolled = 32;
+constexpr unsigned IdleTurns = 16;    // before a descriptor is handed to the queue
+constexpr unsigned HotTurns = 8;      // before it is taken back
+constexpr long CheckInterval = 1000;  // milliseconds
+
+static_assert(EPOLLIN == POLLIN && EPOLLPRI == POLLPRI && EPOLLOUT == POLLOUT &&
+                  EPOLLERR == POLLERR && EPOLLHUP == POLLHUP,
+              "events of the queue are those of poll()");
+
+size_t most_polled_setting() {
+  const char* const only = getenv("VORN_EM_POLLONLY");
+  if (only && strcasecmp(only, "y") == 0) return SIZE_MAX;
+  const char* const most = getenv("VORN_EM_POLLMAX");
+  return static_cast<size_t>(std::max(0L, most ? strtol(most, nullptr, 10) : DefaultMostPolled));
+}
+
+long milliseconds() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+// Without a threshold everything is queued as soon as it may be, so that tests see it.
+ReadyWait::ReadyWait()
+    : most_polled(most_polled_setting()), idle_turns(most_polled == 0 ? 1 : IdleTurns) {}
+
+ReadyWait::~ReadyWait() {
+  if (queue != -1) close(queue);
+}
+
+void ReadyWait::assign(const std::vector<pollfd>& entries, const std::vector<unsigned>& serials) {
+  table = entries;
+  ready_positions.clear();
+  if (table.size() <= most_polled / 2) close_queue();
+  for (size_t i = 0; i < table.size(); ++i) {
+    const int fd = table[i].fd;
+    table[i].revents = 0;
+    if (static_cast<size_t>(fd) >= slots.size()) slots.resize(2 * static_cast<size_t>(fd) + 1);
+    Slot& slot = slots[static_cast<size_t>(fd)];
+    if (slot.queued && (slot.serial != serials[i] || slot.events != table[i].events)) {
+      dequeue(fd, &slot);
+    }
+    if (slot.serial != serials[i]) {
+      slot = Slot();
+      slot.serial = serials[i];
+    }
+    slot.position = i;
+  }
+  list_busy();
+}
+
+void ReadyWait::list_busy() {
+  busy.clear();
+  busy_positions.clear();
+  for (size_t i = 0; i < table.size(); ++i) {
+    if (slots[static_cast<size_t>(table[i].fd)].queued) continue;
+    busy.push_back({table[i].fd, table[i].events, 0});
+    busy_positions.push_back(i);
+  }
+  mixed = queued_count > 0;
+  reports.resize(queued_count);
+}
+
+bool ReadyWait::poll(int timeout) {
+  for (const size_t position : ready_positions) table[position].revents = 0;
+  ready_positions.clear();
+  reported = 0;
+  checked.clear();
+  ++turn;
+  return mixed ? mixed_poll(timeout) : plain_poll(timeout);
+}
+
+bool ReadyWait::plain_poll(int timeout) {
+  const int count = ::poll(table.data(), table.size(), timeout);
+  if (count == -1) return false;
+  for (size_t i = 0; i < table.size() && ready_positions.size() < static_cast<size_t>(count); ++i) {
+    if (table[i].revents != 0) ready_positions.push_back(i);
+  }
+  return true;
+}
+
+bool ReadyWait::mixed_poll(int timeout) {
+  busy.push_back({queue, POLLIN, 0});
+  const long begin = milliseconds();
+  int count;
+  for (int left = timeout;;) {
+    const bool in_parts = left < 0 || left > CheckInterval;
+    count = ::poll(busy.data(), busy.size(), in_parts ? static_cast<int>(CheckInterval) : left);
+    if (count == -1) break;
+    const long now = milliseconds();
+    if (now - last_check >= CheckInterval) {
+      last_check = now;
+      checked = table;
+      if (::poll(checked.data(), checked.size(), 0) <= 0) checked.clear();
+    }
+    if (count > 0 || !checked.empty() || !in_parts) break;
+    if (timeout >= 0) left = static_cast<int>(std::max(0L, timeout - (now - begin)));
+  }
+  const bool queue_ready = count > 0 && busy.back().revents != 0;
+  busy.pop_back();
+  if (queue_ready) {
+    // All that are ready at once, as poll() tells of all.
+    const int taken = epoll_wait(queue, reports.data(), static_cast<int>(reports.size()), 0);
+    reported = static_cast<size_t>(std::max(taken, 0));
+  }
+  return count != -1;
+}
+
+void ReadyWait::collect() {
+  if (!mixed) return;
+  for (size_t i = 0; i < busy.size(); ++i) {
+    if (busy[i].revents != 0) add_ready(busy_positions[i], busy[i].revents);
+  }
+  for (size_t i = 0; i < reported; ++i) add_reported(reports[i]);
+  // What the queue does not tell: a number that has been closed, or given to another file.
+  for (size_t i = 0; i < checked.size(); ++i) {
+    Slot& slot = slots[static_cast<size_t>(table[i].fd)];
+    if (checked[i].revents == 0 || !slot.queued || table[i].revents != 0) continue;
+    add_ready(i, checked[i].revents);
+    slot.hot = HotTurns;
+  }
+  std::sort(ready_positions.begin(), ready_positions.end());
+}
+
+void ReadyWait::add_ready(size_t position, short events) {
+  table[position].revents = events;
+  ready_positions.push_back(position);
+}
+
+void ReadyWait::add_reported(const epoll_event& report) {
+  const auto fd = static_cast<size_t>(report.data.u64 & UINT32_MAX);
+  Slot& slot = slots[fd];
+  if (!slot.queued || slot.serial != report.data.u64 >> 32) {
+    stale = true;
+    return;
+  }
+  add_ready(slot.position, static_cast<short>(report.events));
+  slot.hot = slot.last_turn + 1 == turn ? static_cast<unsigned char>(slot.hot + 1) : 1;
+  slot.last_turn = turn;
+}
+
+void ReadyWait::settle() {
+  if (table.size() <= most_polled && !mixed) return;
+  if (stale) close_queue();
+  for (const size_t position : ready_positions) {
+    Slot& slot = slots[static_cast<size_t>(table[position].fd)];
+    if (slot.queued && slot.hot >= HotTurns) dequeue(table[position].fd, &slot);
+  }
+  bool changed = false;
+  for (const size_t position : busy_positions) {
+    const pollfd& entry = table[position];
+    Slot& slot = slots[static_cast<size_t>(entry.fd)];
+    if (entry.revents != 0) {
+      slot.idle = 0;
+    } else if (!slot.refused && ++slot.idle >= idle_turns && table.size() > most_polled) {
+      changed = enqueue(entry.fd, entry.events, &slot) || changed;
+    }
+  }
+  if (changed || busy.size() + queued_count != table.size()) list_busy();
+}
+
+bool ReadyWait::enqueue(int fd, short events, Slot* slot) {
+  slot->idle = 0;
+  if (queue == -1) queue = epoll_create1(EPOLL_CLOEXEC);
+  if (queue == -1) return false;
+  epoll_event event{};
+  event.events = static_cast<unsigned>(events);
+  event.data.u64 = std::uint64_t{slot->serial} << 32 | static_cast<unsigned>(fd);
+  if (epoll_ctl(queue, EPOLL_CTL_ADD, fd, &event) == -1) {
+    slot->refused = errno == EPERM;  // a regular file, for example
+    return false;
+  }
+  slot->queued = true;
+  slot->hot = 0;
+  slot->events = events;
+  ++queued_count;
+  return true;
+}
+
+// Where the number is another file's by now, or nobody's, the queue may hold the former one still.
+void ReadyWait::dequeue(int fd, Slot* slot) {
+  epoll_event event{};
+  if (epoll_ctl(queue, EPOLL_CTL_DEL, fd, &event) == -1) stale = true;
+  slot->queued = false;
+  slot->hot = slot->idle = 0;
+  --queued_count;
+}
+
+// Everything is busy again until it has been idle.
+void ReadyWait::close_queue() {
+  if (queue != -1) close(queue);
+  queue = -1;
+  queued_count = 0;
+  stale = false;
+  for (Slot& slot : slots) slot.queued = false;
+}
+
+void ReadyWait::forget(int fd) {
+  if (static_cast<size_t>(fd) >= slots.size()) return;
+  Slot& slot = slots[static_cast<size_t>(fd)];
+  if (slot.queued) dequeue(fd, &slot);
+}
+
+void ReadyWait::forked() {
+  close_queue();
+  list_busy();
+}
+
+}  // namespace vornfc

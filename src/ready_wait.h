@@ -1,0 +1,95 @@
+#pragma once
+// The wait of the event manager for its descriptors.
+
+#include <poll.h>
+#include <sys/epoll.h>
+
+#include <cstddef>
+#include <vector>
+
+namespace vornfc {
+
+// Waits for the descriptors of a table as poll() does: with the same results, whatever it takes.
+//
+// Up to a few dozen descriptors it calls poll() on just the table. poll() looks at every descriptor
+// in every turn, though. So beyond that, descriptors that stay idle for some turns are handed to
+// the kernel's readiness queue, and the queue's one descriptor is polled with the busy ones. A
+// queued descriptor that is ready in one turn after the other goes back among the busy.
+//
+// The queue knows open files, poll() knows numbers. They differ only where a number is closed, or
+// given to another file, while it is watched: so all of the table is polled once a second too.
+//
+// Settings from the environment: VORN_EM_POLLONLY "y": plain poll() always; VORN_EM_POLLMAX: the
+// number of descriptors up to which it is (32).
+//
+// Not thread-safe: the event manager calls poll() on the dispatcher thread, and everything else
+// with its registry lock held.
+class ReadyWait {
+ public:
+  ReadyWait();
+  ~ReadyWait();
+  ReadyWait(const ReadyWait&) = delete;
+  ReadyWait& operator=(const ReadyWait&) = delete;
+
+  // From now on these are waited for. `serials` tell a registration from a later one of its number.
+  void assign(const std::vector<pollfd>& table, const std::vector<unsigned>& serials);
+
+  // Waits as poll() does. False: it failed, and `errno` tells why.
+  bool poll(int timeout);
+
+  // After poll(): entries() has the returned events from now on, and ready() the positions of those
+  // that have any, in ascending order.
+  void collect();
+  const std::vector<pollfd>& entries() const { return table; }
+  const std::vector<size_t>& ready() const { return ready_positions; }
+
+  // After collect(), while the table is still that of the event manager: hands over what is idle.
+  void settle();
+
+  // A registration has ended. Called before its descriptor is closed.
+  void forget(int fd);
+
+  void forked();  // in the child: the queue is the parent's
+
+ private:
+  // What is known of a descriptor number.
+  struct Slot {
+    unsigned serial = 0;
+    bool queued = false;
+    bool refused = false;    // the queue does not take it
+    short events = 0;        // that it is queued for
+    unsigned char idle = 0;  // turns among the busy without an event
+    unsigned char hot = 0;   // turns in a row with an event from the queue
+    unsigned last_turn = 0;  // the last of them
+    size_t position = 0;     // in the table
+  };
+
+  bool plain_poll(int timeout);
+  bool mixed_poll(int timeout);
+  void add_ready(size_t position, short events);
+  void add_reported(const epoll_event& report);
+  void list_busy();
+  bool enqueue(int fd, short events, Slot* slot);
+  void dequeue(int fd, Slot* slot);
+  void close_queue();
+
+  const size_t most_polled;  // plain poll() up to here
+  const unsigned idle_turns;
+  std::vector<pollfd> table;
+  std::vector<size_t> ready_positions;
+  std::vector<Slot> slots;  // by descriptor number
+
+  bool mixed = false;        // the queue is in use
+  std::vector<pollfd> busy;  // what poll() is then called on; the queue's own descriptor comes last
+  std::vector<size_t> busy_positions;
+  std::vector<epoll_event> reports;  // of the queue, the first `reported` of them
+  size_t reported = 0;
+  std::vector<pollfd> checked;  // all of the table, once a second; empty: not in this turn
+  int queue = -1;
+  size_t queued_count = 0;
+  bool stale = false;  // the queue holds an open file whose number is not ours to name any more
+  unsigned turn = 0;
+  long last_check = 0;  // milliseconds
+};
+
+}  // namespace vornfc
