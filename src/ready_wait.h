@@ -66,6 +66,7 @@ class ReadyWait {
 
   bool plain_poll(int timeout);
   bool mixed_poll(int timeout);
+  bool take_from_queue();
   void add_ready(size_t position, short events);
   void add_reported(const epoll_event& report);
   void list_busy();
@@ -89,7 +90,8 @@ class ReadyWait {
   size_t queued_count = 0;
   bool stale = false;  // the queue holds an open file whose number is not ours to name any more
   unsigned turn = 0;
-  long last_check = 0;  // milliseconds
+  unsigned next_try = 0;  // the turn from which on the queue is asked first
+  long last_check = 0;    // milliseconds
 };
 
 }  // namespace vornfc
