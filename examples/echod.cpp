@@ -132,6 +132,9 @@ class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHan
       vrnlog(3, "%s connected", connection->name());
       callers[connection] = std::make_unique<Caller>(this, connection);
       aioStart(connection);
+    } else if (errno == EMFILE || errno == ENFILE) {
+      vrnlog(1, "Out of descriptors");
+      aioStop(file);  // until the next second
     }
   }
 
@@ -147,6 +150,7 @@ class Echo : public VrnAppShell, public VrnAsyncReceiver, VrnTimer, VrnSignalHan
     for (const auto& [file, caller] : callers) {
       if (caller->last_heard < limit) caller->close();
     }
+    if (!aioFile(server.get())) aioStart(server.get());
   }
   void timerStopped() override {}
 

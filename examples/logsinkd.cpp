@@ -20,10 +20,16 @@
 
 using namespace vornfc;
 
-class LogSink : public VrnAppShell, public VrnAsyncReceiver, VrnSignalHandler, VrnObserver {
+class LogSink : public VrnAppShell,
+                public VrnAsyncReceiver,
+                VrnTimer,
+                VrnSignalHandler,
+                VrnObserver {
  public:
   LogSink()
-      : VrnAppShell(nullptr, "logsinkd", "1.0", "Log collector"), VrnAsyncReceiver("logsinkd") {}
+      : VrnAppShell(nullptr, "logsinkd", "1.0", "Log collector"),
+        VrnAsyncReceiver("logsinkd"),
+        VrnTimer("accept again") {}
 
  private:
   static constexpr size_t LongestLine = 65536;  // longer ones are written in pieces
@@ -47,6 +53,7 @@ class LogSink : public VrnAppShell, public VrnAsyncReceiver, VrnSignalHandler, V
   void appTerminated() override {
     if (appConfig()) appConfig()->detach(this);
     aioTerminate();
+    stopTimer();
     while (!senders.empty()) remove(senders.begin());
     streams.reset();
     datagrams.reset();
@@ -62,14 +69,22 @@ class LogSink : public VrnAppShell, public VrnAsyncReceiver, VrnSignalHandler, V
   void observerDetached(VrnNotifier*) override {}
   std::string observerName() const override { return "logsinkd"; }
 
-  void aioReady(VrnFile* file) override {
-    if (file == streams.get()) {
-      if (VrnSocket* const sender = streams->accept()) {
-        senders[sender].socket.reset(sender);
-        aioStart(sender);
-      }
-      return;
+  // Without a descriptor left, the next sender waits until the next second.
+  void accept_sender() {
+    if (VrnSocket* const sender = streams->accept()) {
+      senders[sender].socket.reset(sender);
+      aioStart(sender);
+    } else if (errno == EMFILE || errno == ENFILE) {
+      vrnlog(1, "Out of descriptors");
+      aioStop(streams.get());
+      startTimer(1, 0, 0, 0);
     }
+  }
+  void timerExpired() override { aioStart(streams.get()); }
+  void timerStopped() override {}
+
+  void aioReady(VrnFile* file) override {
+    if (file == streams.get()) return accept_sender();
     char buffer[65536];
     const ssize_t size = recv(file->fd, buffer, sizeof buffer, 0);
     if (size == -1 && (errno == EAGAIN || errno == EINTR)) return;

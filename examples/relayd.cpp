@@ -11,7 +11,6 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -30,6 +29,14 @@ struct Limits {
   int connect_timeout = 5, idle = 300, queued = 1 << 20;
 };
 static Limits limits;
+
+// Seconds of a clock that nobody sets.
+static time_t now() {
+  timespec time;
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return time.tv_sec;
+}
+
 static std::set<Connection*> connections;
 
 // What goes to one side. It tells its connection when there is room again, and when the side is
@@ -72,14 +79,14 @@ struct Connection : VrnSocketsClient {
   Side client, target;
   VrnClientSocket* connecting = nullptr;
   bool ending = false;
-  time_t last_active = time(nullptr);
+  time_t last_active = now();
 };
 
 void Outlet::aioReady(VrnFile* file) {
   VrnAsyncWriter::aioReady(file);
   if (!connection) return;
   if (const int code = error()) return connection->end(code > 0 ? "write error" : "lost");
-  connection->last_active = time(nullptr);
+  connection->last_active = now();
   connection->flow();
 }
 
@@ -128,7 +135,7 @@ void Connection::socketConnected(VrnClientSocket* socket, int result) {
   connecting = nullptr;
   target.outlet = new Outlet(this, socket);
   target.socket = socket;
-  last_active = time(nullptr);
+  last_active = now();
   for (Side* side : {&client, &target}) {
     const int on = 1;
     setsockopt(side->socket->fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -142,7 +149,7 @@ void Connection::pass_on(Side* from) {
   const ssize_t size = recv(from->socket->fd, buffer, sizeof buffer, 0);
   if (size == -1 && (errno == EAGAIN || errno == EINTR)) return;
   if (size == -1) return end("read error");
-  last_active = time(nullptr);
+  last_active = now();
   if (size == 0) {
     from->finished = true;
     from->aioStop(from->socket);
@@ -193,11 +200,12 @@ struct Rule : VrnAsyncReceiver {
   Rule(const std::string& rule, const std::string& listen, const std::string& to)
       : VrnAsyncReceiver(rule), name(rule), address(listen), server(listen.c_str(), true) {
     server.activate();
-    aim(to);
+    aim(rule, to);
     accept_callers();
   }
 
-  void aim(const std::string& to) {
+  void aim(const std::string& rule, const std::string& to) {
+    name = rule;
     target = VrnClientSocket(to.c_str(), true).address;
     vrnlog(3, "%s: %s is relayed to %s", name.c_str(), address.c_str(), to.c_str());
   }
@@ -219,12 +227,19 @@ struct Rule : VrnAsyncReceiver {
 
   // Without a descriptor left, the next caller waits until the next second.
   void aioReady(VrnFile*) override {
-    std::unique_ptr<VrnSocket> caller(server.accept());
-    if (!caller && (errno == EMFILE || errno == ENFILE)) {
-      vrnlog(1, "%s: out of descriptors", name.c_str());
-      aioStop(&server);
+    try {
+      std::unique_ptr<VrnSocket> caller(server.accept());
+      if (!caller && (errno == EMFILE || errno == ENFILE)) {
+        vrnlog(1, "%s: out of descriptors", name.c_str());
+        aioStop(&server);
+      }
+      if (caller) connect(std::move(caller));
+    } catch (...) {
+      vrnlog(1, "%s: %s", name.c_str(), VrnException::handler().c_str());
     }
-    if (!caller) return;
+  }
+
+  void connect(std::unique_ptr<VrnSocket> caller) const {
     auto* const connection = new Connection(name, std::move(caller));
     try {
       connection->connect(target);
@@ -234,7 +249,8 @@ struct Rule : VrnAsyncReceiver {
     }
   }
 
-  const std::string name, address;
+  std::string name;
+  const std::string address;
   VrnServerSocket server;
   sockaddr_in target{};
   bool retired = false;
@@ -261,25 +277,26 @@ class Relay : public VrnAppShell, VrnTimer, VrnSignalHandler, VrnObserver {
       VrnAssertFull(value > 0, "Invalid %s (%d)", item, value);
       return value;
     };
-    const std::vector<std::string> names = file.items("rules", true);
     limits = {positive("CONNECT_TIMEOUT", 5), positive("IDLE", 300), positive("LIMIT", 1 << 20)};
+    std::set<std::string> addresses;
+    for (const std::string& name : file.items("rules", true)) {
+      addresses.insert(file.value("rules", name, true, 0));
+    }
     for (auto it = rules.begin(); it != rules.end();) {
-      const bool stays = std::find(names.begin(), names.end(), it->first) != names.end();
+      const bool stays = addresses.count(it->first) != 0;
       if (!stays) it->second.release()->retire();
       it = stays ? std::next(it) : rules.erase(it);
     }
-    for (const std::string& name : names) {
+    for (const std::string& name : file.items("rules", true)) {
       apply_rule(name, file.value("rules", name, true, 0), file.value("rules", name, true, 1));
     }
   }
 
-  // A rule whose address stays is only aimed anew.
+  // An address that is served already is only aimed anew.
   void apply_rule(const std::string& name, const std::string& address, const std::string& target) {
-    const auto it = rules.find(name);
-    if (it != rules.end() && it->second->address == address) return it->second->aim(target);
-    auto rule = std::make_unique<Rule>(name, address, target);
-    rule.swap(rules[name]);
-    if (rule) rule.release()->retire();
+    const auto it = rules.find(address);
+    if (it != rules.end()) return it->second->aim(name, target);
+    rules[address] = std::make_unique<Rule>(name, address, target);
   }
 
   // What could not be applied is said; the rules before it have been, those behind it stay.
@@ -295,10 +312,9 @@ class Relay : public VrnAppShell, VrnTimer, VrnSignalHandler, VrnObserver {
 
   void timerExpired() override {
     for (const auto& entry : rules) entry.second->accept_callers();
-    const time_t now = time(nullptr);
     for (Connection* connection :
          std::vector<Connection*>(connections.begin(), connections.end())) {
-      const time_t silent = now - connection->last_active;
+      const time_t silent = now() - connection->last_active;
       if (connection->connecting ? silent > limits.connect_timeout : silent > limits.idle) {
         connection->end("timed out");
       }
@@ -316,7 +332,7 @@ class Relay : public VrnAppShell, VrnTimer, VrnSignalHandler, VrnObserver {
   void signalStopped(int) override {}
   const char* sigtag() const override { return "relayd"; }
 
-  std::map<std::string, std::unique_ptr<Rule>> rules;
+  std::map<std::string, std::unique_ptr<Rule>> rules;  // by address
 };
 
 static Relay app;

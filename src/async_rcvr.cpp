@@ -81,7 +81,6 @@ int VrnAsyncReceiver::aioFiles(bool locked) const {
 
 void VrnAsyncReceiver::aioCancelled(VrnFile* file, bool hangup, bool error) {
   impl->ended(file);
-  if (!impl->contains(file)) VrnEvtMgrNative::forget_requests(this, file);
   aioRemoved(file, hangup, error);
 }
 

@@ -17,16 +17,6 @@ namespace vornfc {
 // The watched files and their requests.
 struct ImplAsyRdr : WatchList {
   using WatchList::WatchList;
-
-  // False: the file is not in the list.
-  bool request(VrnFile* file, int bytes, char* buffer) {
-    std::optional<Request> current = get(file);
-    if (!current) return false;
-    current->requested = bytes;
-    current->pending = 0;
-    current->buffer = buffer;
-    return set(file, *current);
-  }
 };
 
 VrnAsyncReader::VrnAsyncReader(const std::string& name)
@@ -136,14 +126,13 @@ void VrnAsyncReader::aioReady(VrnFile* file) {
   request->pending += static_cast<int>(result);
   const bool full = request->pending == request->requested;
   if (full) request->pending = 0;
-  impl->set(file, *request);
+  impl->advance(file, request->pending);
   guard.clear();
   if (full) aioReceived(file, request->requested, request->buffer);
 }
 
 void VrnAsyncReader::aioCancelled(VrnFile* file, bool hangup, bool error) {
   const std::optional<WatchList::Request> request = impl->ended(file);
-  if (!impl->contains(file)) VrnEvtMgrNative::forget_requests(this, file);
   if (request) {
     hangup = hangup || request->ending == WatchList::EndOfFile;
     error = error || request->ending == WatchList::Failed;

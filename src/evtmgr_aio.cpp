@@ -119,6 +119,8 @@ bool VrnEvtMgrNative::stop_watch(Lock* lock, VrnFile* file, VrnAIO* aio, bool no
 
 void VrnEvtMgrNative::tell_cancelled(Lock* lock, VrnFile* file, VrnAIO* aio, bool hangup,
                                      bool err) {
+  // A stop that is on its way still must not end the next watch.
+  if (aio->list && !aio->list->watch_ended(file)) registrar->voidRequests(file, aio);
   const Callback callback(this, lock, aio, file);
   try {
     aio->aioCancelled(file, hangup, err);

@@ -490,14 +490,9 @@ void VrnEvtMgrNative::forget(VrnFile* file) {
   if (native_manager->unregister(file)) native_manager->wake();
 }
 
-void VrnEvtMgrNative::forget_requests(const VrnAIO* aio, const VrnFile* file) {
+void VrnEvtMgrNative::forget_requests(const VrnAIO* aio) {
   const Lock lock(registry);
-  if (!native_manager || !aio->requested) return;
-  if (file) {
-    native_manager->registrar->voidRequests(file, aio);
-  } else {
-    native_manager->registrar->voidRequests(aio);
-  }
+  if (native_manager && aio->requested) native_manager->registrar->voidRequests(aio);
 }
 
 void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
@@ -513,8 +508,8 @@ void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
 // In the child, with the registry lock held.
 void VrnEvtMgrNative::forked() {
   if (!native_manager) return;
+  native_manager->before_change();
   native_manager->ready_wait->forked();
-  native_manager->pollfds_changed = true;
 }
 
 VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_lock,

@@ -18,7 +18,7 @@ constexpr unsigned IdleTurns = 16;        // before a descriptor is handed to th
 constexpr unsigned HotTurns = 64;         // before it is taken back
 constexpr unsigned TurnsWithoutTry = 16;  // after one in vain
 constexpr unsigned TurnsPerCheck = 64;    // turns between looks at the clock, in a lively time
-constexpr long CheckInterval = 1000;      // milliseconds
+constexpr int CheckInterval = 1000;       // milliseconds
 
 static_assert(EPOLLIN == POLLIN && EPOLLPRI == POLLPRI && EPOLLOUT == POLLOUT &&
                   EPOLLERR == POLLERR && EPOLLHUP == POLLHUP,
@@ -106,26 +106,29 @@ bool ReadyWait::take_from_queue() {
   return reported > 0;
 }
 
+// Once a second, and `now` in any case.
+void ReadyWait::check_all(bool now) {
+  const long time = milliseconds();
+  if (!now && time - last_check < CheckInterval) return;
+  last_check = time;
+  checked = table;
+  if (::poll(checked.data(), checked.size(), 0) <= 0) checked.clear();
+}
+
 bool ReadyWait::mixed_poll(int timeout) {
   if (busy.empty() && turn >= next_try && turn % TurnsPerCheck != 0) {
     if (take_from_queue()) return true;
     next_try = turn + TurnsWithoutTry;
   }
   busy.push_back({queue, POLLIN, 0});
-  const long begin = milliseconds();
   int count;
   for (int left = timeout;;) {
     const bool in_parts = left < 0 || left > CheckInterval;
-    count = ::poll(busy.data(), busy.size(), in_parts ? static_cast<int>(CheckInterval) : left);
+    count = ::poll(busy.data(), busy.size(), in_parts ? CheckInterval : left);
     if (count == -1) break;
-    const long now = milliseconds();
-    if (now - last_check >= CheckInterval) {
-      last_check = now;
-      checked = table;
-      if (::poll(checked.data(), checked.size(), 0) <= 0) checked.clear();
-    }
+    check_all(count == 0 && in_parts);
     if (count > 0 || !checked.empty() || !in_parts) break;
-    if (timeout >= 0) left = static_cast<int>(std::max(0L, timeout - (now - begin)));
+    if (left > 0) left -= CheckInterval;
   }
   const bool queue_ready = count > 0 && busy.back().revents != 0;
   busy.pop_back();
@@ -157,10 +160,8 @@ void ReadyWait::add_ready(size_t position, short events) {
 void ReadyWait::add_reported(const epoll_event& report) {
   const auto fd = static_cast<size_t>(report.data.u64 & UINT32_MAX);
   Slot& slot = slots[fd];
-  if (!slot.queued || slot.serial != report.data.u64 >> 32) {
-    stale = true;
-    return;
-  }
+  // Stopped since, or left over from a registration that could not be taken out.
+  if (!slot.queued || slot.serial != report.data.u64 >> 32) return;
   add_ready(slot.position, static_cast<short>(report.events));
   slot.hot = slot.last_turn + 1 == turn ? static_cast<unsigned char>(slot.hot + 1) : 1;
   slot.last_turn = turn;

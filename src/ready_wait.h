@@ -67,6 +67,7 @@ class ReadyWait {
   bool plain_poll(int timeout);
   bool mixed_poll(int timeout);
   bool take_from_queue();
+  void check_all(bool now);
   void add_ready(size_t position, short events);
   void add_reported(const epoll_event& report);
   void list_busy();

@@ -8,6 +8,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -52,12 +53,12 @@ static_assert(std::atomic<int>::is_always_lock_free, "used by a signal handler")
 }  // namespace
 
 void send_wake() noexcept {
-  static void* const record[4] = {type_word(WakeRecord), nullptr, nullptr, nullptr};
+  static constexpr std::array<std::int64_t, 4> record{WakeRecord};
   static_assert(sizeof record == RecordSize, "the record's layout");
   ++wakers;
   const int fd = wake_fd;
   // A full pipe is as good as a record of ours: the loop does not sleep over it.
-  if (fd != -1) (void)!write(fd, record, RecordSize);
+  if (fd != -1) (void)!write(fd, record.data(), RecordSize);
   --wakers;
 }
 
@@ -212,7 +213,8 @@ bool AsyncRegistrar::carry_out_batches() {
   for (;;) {
     if (batch.empty()) {
       VrnMutexGuard guard(mutex.get());
-      carrying_out = !backlog.empty();
+      // One that is in the pipe still, behind many wakes, is older than those in memory.
+      carrying_out = !in_pipe && !backlog.empty();
       if (!carrying_out) return true;
       batch.swap(backlog);
     }

@@ -23,28 +23,35 @@ std::optional<WatchList::Request> WatchList::get(VrnFile* file) const {
   return it->second;
 }
 
-bool WatchList::set(VrnFile* file, const Request& request) {
+bool WatchList::request(VrnFile* file, int bytes, char* buffer) {
   const Lock lock(registry);
   const auto it = files.find(file);
   if (it == files.end()) return false;
-  it->second = request;
+  it->second.requested = bytes;
+  it->second.pending = 0;
+  it->second.buffer = buffer;
   return true;
 }
 
-bool WatchList::insert(VrnFile* file, const Request& request) {
+void WatchList::advance(VrnFile* file, int pending) {
   const Lock lock(registry);
-  if (!files.emplace(file, request).second) return false;
-  if (ImplFile* const listed = ImplFile::of(file)) listed->listed_by.push_back(owner);
-  return true;
+  if (const auto it = files.find(file); it != files.end()) it->second.pending = pending;
 }
 
-void WatchList::erase(VrnFile* file) {
-  const Lock lock(registry);
-  if (files.erase(file) != 0) unlist(file);
+bool WatchList::watch_ended(VrnFile* file) {
+  last_file = file;
+  last_request = remove(file);
+  return files.count(file) != 0;
 }
 
 std::optional<WatchList::Request> WatchList::ended(VrnFile* file) {
   const Lock lock(registry);
+  if (last_file != file) return remove(file);
+  last_file = nullptr;
+  return last_request;
+}
+
+std::optional<WatchList::Request> WatchList::remove(VrnFile* file) {
   const auto it = files.find(file);
   if (it == files.end()) return std::nullopt;
   const Request request = it->second;
@@ -72,24 +79,45 @@ void WatchList::unlist(VrnFile* file) const {
 
 void WatchList::start(VrnEvtMgr* evtmgr, VrnFile* file, const Request& request) {
   // Listed first: once it is watched, the dispatcher may already be dropping it.
-  const bool is_new = insert(file, request);
-  const std::optional<Request> before = get(file);
-  if (!is_new && before && before->ending != None) {
-    Request again = *before;
-    again.ending = None;
-    ++again.restarts;
-    set(file, again);
-  }
+  const Entry entry = insert(file, request);
   try {
-    if (!evtmgr->startAIO(file, owner) && is_new) set_unwatched(file);
+    if (!evtmgr->startAIO(file, owner) && entry == New) set_unwatched(file);
   } catch (...) {
-    if (is_new) {
-      erase(file);
-    } else if (before) {
-      set(file, *before);
-    }
+    take_back(file, entry);
     throw;
   }
+}
+
+WatchList::Entry WatchList::insert(VrnFile* file, const Request& request) {
+  const Lock lock(registry);
+  const auto [it, is_new] = files.emplace(file, request);
+  if (is_new) {
+    if (ImplFile* const listed = ImplFile::of(file)) listed->listed_by.push_back(owner);
+    return New;
+  }
+  if (it->second.ending == None) return Present;
+  it->second.ending = None;
+  ++it->second.restarts;
+  return Restarted;
+}
+
+// The start has failed. The end that a restart was to outlive may have come meanwhile.
+void WatchList::take_back(VrnFile* file, Entry entry) {
+  const Lock lock(registry);
+  const auto it = files.find(file);
+  if (it == files.end() || entry == Present) return;
+  if (entry == Restarted && it->second.restarts > 0) {
+    --it->second.restarts;
+    it->second.ending = Asked;
+  } else {
+    files.erase(it);
+    unlist(file);
+  }
+}
+
+void WatchList::not_ending(VrnFile* file, Ending before) {
+  const Lock lock(registry);
+  if (const auto it = files.find(file); it != files.end()) it->second.ending = before;
 }
 
 void WatchList::set_unwatched(VrnFile* file) {
@@ -107,7 +135,7 @@ bool WatchList::stop(VrnFile* file, Ending reason) {
     VrnEvtMgr* const evtmgr = VrnAppShell::evtmgr;
     if (evtmgr && before->watched) stopped = evtmgr->stopAIO(file, owner);
   } catch (...) {
-    set(file, *before);
+    not_ending(file, before->ending);
     release(file, false);
     throw;
   }

@@ -32,9 +32,10 @@ class WatchList {
   bool contains(VrnFile* file) const { return get(file).has_value(); }
   int size() const;
   std::optional<Request> get(VrnFile* file) const;
-  bool set(VrnFile* file, const Request& request);  // false: it is not in the list
-  void erase(VrnFile* file);
-  void clear();
+
+  // Replaces the request of a file. False: it is not in the list.
+  bool request(VrnFile* file, int bytes, char* buffer);
+  void advance(VrnFile* file, int pending);  // so many bytes of the request are there now
 
   // Registers `file` with the event manager and puts it into the list, or throws.
   void start(VrnEvtMgr* evtmgr, VrnFile* file, const Request& request);
@@ -42,18 +43,27 @@ class WatchList {
   // Stops the watch of `file` if it is in the list. True: it is not (any more). False: the stop is
   // under way, for the reason noted first.
   bool stop(VrnFile* file, Ending reason);
-  // The watch of `file` has ended; returns what was wanted of it.
+  int stop_all();  // in ascending order of address; returns the number of stops under way
+  void clear();
+
+  // For aioCancelled(): takes `file` out of the list; returns what was wanted of it.
   std::optional<Request> ended(VrnFile* file);
 
-  int stop_all();  // in ascending order of address; returns the number of stops under way
+  // For the event manager, with the registry lock held. The watch of `file` ends here and now, and
+  // ended() follows on the dispatcher thread: a start in between is of the next watch. True: it
+  // stays listed for a start that is on its way.
+  bool watch_ended(VrnFile* file);
 
-  // The file has ended, or its watch without aioCancelled(). Called with the registry lock held.
+  // The same for a file that ends, or whose watch does without aioCancelled().
   void drop(VrnFile* file) { files.erase(file); }
 
  private:
-  using Files = std::map<VrnFile*, Request>;
+  enum Entry { New, Present, Restarted };
 
-  bool insert(VrnFile* file, const Request& request);
+  Entry insert(VrnFile* file, const Request& request);
+  void take_back(VrnFile* file, Entry entry);
+  std::optional<Request> remove(VrnFile* file);
+  void not_ending(VrnFile* file, Ending before);
   void set_unwatched(VrnFile* file);
   VrnFile* next(VrnFile* file) const;
   bool hold(VrnFile* file, Ending reason);
@@ -61,7 +71,9 @@ class WatchList {
   void unlist(VrnFile* file) const;
 
   VrnAIO* const owner;
-  Files files;
+  std::map<VrnFile*, Request> files;
+  VrnFile* last_file = nullptr;  // whose watch has ended, until ended() takes what is noted here
+  std::optional<Request> last_request;
 };
 
 }  // namespace vornfc

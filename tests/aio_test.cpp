@@ -1,5 +1,6 @@
 #include "support/log_capture.h"
 #include "support/loop.h"
+#include "support/polling.h"
 #include "vornfc/evtmgr_native.h"
 #include "vornfc/exception.h"
 
@@ -211,6 +212,7 @@ TEST_F(AioTest, FirstWatchMakesTheDescriptorNonBlocking) {
 // ---- entries ----
 
 TEST_F(AioTest, BothDirectionsShareOneEntry) {
+  if (!sys::gives_poll_the_table()) GTEST_SKIP() << "looks at what poll() is given";
   Connection connection;
   connection.fill();
   RecordingAIO reader(RecordingAIO::Input, "reader");
@@ -258,6 +260,7 @@ TEST_F(AioTest, RegistrarsPipeIsTheFirstEntryAndAsksForInput) {
 }
 
 TEST_F(AioTest, LastEntryTakesThePlaceOfOneThatGoes) {
+  if (!sys::gives_poll_the_table()) GTEST_SKIP() << "looks at what poll() is given";
   Connection a("a");
   Connection b("b");
   Connection c("c");
@@ -627,6 +630,7 @@ TEST_F(AioTest, HangUpIsToldAfterTheData) {
   EXPECT_EQ(reader.ready, 2);
   EXPECT_EQ(reader.cancelled, (Cancellations{{&file, true, false}}));
   EXPECT_TRUE(is_open(file.fd));
+  if (!sys::gives_poll_the_table()) return;
   EXPECT_EQ(polled(), std::vector<int>{loop.pipe_read_end});
 }
 

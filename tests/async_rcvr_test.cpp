@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <atomic>
@@ -135,6 +136,22 @@ TEST_F(AsyncReceiverTest, AFileThatIsStoppedAndStartedAgainStaysListed) {
             });
   loop.run_until([&] { return receiver.removed.size() == 4; });
   EXPECT_EQ(receiver.aioFiles(), 0);
+}
+
+// Each signal puts a record of its own into the registrar's pipe.
+TEST_F(AsyncReceiverTest, StartAndStopBehindManySignalsKeepTheirOrder) {
+  RecordingHandler handler;
+  RecordingReceiver receiver("receiver");
+  loop.on_dispatcher([&] { loop.mgr->startSignal(&handler, SIGUSR2); });
+  loop.on_dispatcher([&] {
+    for (int i = 0; i < 40; ++i) raise(SIGUSR2);
+    receiver.aioStart(&connection.file);
+    EXPECT_FALSE(receiver.aioStop(&connection.file));
+  });
+  loop.run_until([&] { return !receiver.removed.empty(); });
+  EXPECT_EQ(receiver.removed, (Removals{{&connection.file, false, false}}));
+  EXPECT_EQ(receiver.aioFiles(), 0);
+  EXPECT_FALSE(log.contains("remains - fd"));
 }
 
 TEST_F(AsyncReceiverTest, StopOnAnotherThreadIsDoneAtOnce) {

@@ -130,7 +130,7 @@ class ThreadsTest : public testing::Test {
     ++polls;
     if (before_poll) before_poll(entries, count);
     const int wait = timeout < 0 ? longest_wait : std::min(timeout, longest_wait);
-    asleep = wait > 1000;
+    asleep = wait >= 1000;
     const int ready = sys::system_poll(entries, count, wait);
     const int error = errno;
     asleep = false;
@@ -601,6 +601,7 @@ TEST_F(ThreadsTest, NoLockOfTheManagerIsHeldInACallback) {
 
 // What poll() waits for: the registrar's pipe, and what was asked for.
 TEST_F(ThreadsTest, PollWaitsForTheRegistrarsPipeAndTheWatchedFilesOnly) {
+  if (!sys::gives_poll_the_table()) GTEST_SKIP() << "looks at what poll() is given";
   const std::vector<int> library = opened_by_manager();
   ASSERT_EQ(library.size(), 2U);  // the two ends of that pipe
   Connection connection;
@@ -658,8 +659,10 @@ class Pounding : public ThreadsTest {
           (this->*kinds[random() % kinds.size()])(&random);
         }
       });
+      if (!sys::gives_poll_the_table()) return;
       EXPECT_EQ(opened_by_manager(), library);  // and nothing else
     });
+    if (!sys::gives_poll_the_table()) return;
     EXPECT_EQ(wrong_polls, 0);
   }
 

@@ -31,6 +31,10 @@ class TimerQueue;
 /// read from the environment at construction:
 ///   VORN_EM_THROWTASKS  "y": an exception from a timer or descriptor callback ends the loop
 ///   VORN_EM_TIMERPREC   microseconds of timer distance per millisecond of waiting, at least 1000
+///   VORN_EM_POLLONLY    "y": poll() looks at every descriptor; otherwise, where there are many,
+///   those
+///                       that stay idle wait in a queue of the kernel's
+///   VORN_EM_POLLMAX     up to this many descriptors poll() looks at each in any case (32)
 /// (VORN_EM_ARMODE is accepted and changes nothing: requests always go through the registrar.)
 ///
 /// The sync operations are the direct forms behind starts and stops. They may be called from any
@@ -182,9 +186,8 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   static void forget(VrnFile* file);
   static void forget(VrnSignalHandler* handler);
 
-  // Voids what is requested for `aio` (and `file`, if given): a stop that is on its way still must
-  // not end the next watch.
-  static void forget_requests(const VrnAIO* aio, const VrnFile* file = nullptr);
+  // Voids what is requested for `aio`: a stop that is on its way still must not end the next watch.
+  static void forget_requests(const VrnAIO* aio);
   static bool end_callbacks(Lock* lock, const void* object);  // false: there is no manager
 
   // Waits a moment for the end of a callback to `object` that runs on another thread.
@@ -197,7 +200,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   std::map<int, VrnSignalHandler*> sighandlers;
   Callback* callbacks = nullptr;
   bool pollfds_changed = true;  // since they were given to `ready_wait`
-  bool walking = false;         // between poll() and the end of the walk
+  bool walking = false;         // the walk goes over what `ready_wait` has found
   size_t walked = 0;            // the position that the walk has reached
 
   std::atomic<bool> dead{false};

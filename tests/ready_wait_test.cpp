@@ -1,0 +1,280 @@
+// The wait for many descriptors: with the kernel's queue, everything is as with poll() alone.
+#include "support/loop.h"
+#include "vornfc/appshell.h"
+#include "vornfc/evtmgr_native.h"
+#include "vornfc/file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vornfc {
+namespace {
+
+void allow_descriptors(rlim_t count) {
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  ASSERT_GE(limit.rlim_max, count);
+  limit.rlim_cur = count;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+// ---- a model: random operations give the same callbacks whatever the wait is made of ----
+
+// What happens to 2,000 sockets in one run: the sequence of callbacks, as a text. Operations are
+// made between two turns, by a stand-in for poll(), so that they fall between the same callbacks
+// each time.
+class Model {
+ public:
+  Model(unsigned seed, int sockets) : random(seed), ends(static_cast<size_t>(sockets)) {}
+
+  std::string run(int turns) {
+    signal(SIGPIPE, SIG_IGN);
+    VrnEvtMgr* const mgr = VrnEvtMgr::instance(0);
+    VrnAppShell::evtmgr = mgr;
+    for (End& end : ends) open(&end);
+    int turn = 0;
+    CountingTimer each_turn("each turn");
+    each_turn.on_expired = [&] {
+      story += "\n";
+      operate();
+      if (++turn == turns) return mgr->stopDispatcher();
+      each_turn.startTimer(0, 0, 0, 0);
+    };
+    each_turn.startTimer(0, 0, 0, 0);
+    mgr->startDispatcher();
+    ends.clear();
+    VrnEvtMgr::destroy();
+    return story;
+  }
+
+ private:
+  struct End;
+  struct Watcher : VrnAIO {
+    Watcher(Model* a_model, End* an_end, bool direction)
+        : VrnAIO(direction, "w"), model(a_model), end(an_end) {}
+    void aioReady(VrnFile* file) override {
+      model->tell(input ? "r" : "w", end);
+      char buffer[16];
+      if (input && read(file->fd, buffer, sizeof buffer) == -1 && model->random() % 2 == 0) {
+        throw std::string("reading failed");
+      }
+      if (!input) VrnAppShell::evtmgr->stopAIO(file, this);
+      if (model->random() % 64 == 0) throw std::string("by chance");
+    }
+    void aioCancelled(VrnFile*, bool hangup, bool err) override {
+      model->tell(hangup ? (err ? "E" : "H") : "c", end);
+    }
+    Model* const model;
+    End* const end;
+  };
+  struct End {
+    std::unique_ptr<VrnFile> file;
+    std::unique_ptr<Watcher> reader, writer;
+    int peer = -1;
+    ~End() {
+      if (peer != -1) close(peer);
+    }
+  };
+
+  void tell(const char* what, const End* end) {
+    story += what + std::to_string(end - &ends.front()) + " ";
+  }
+
+  void open(End* end) {
+    end->reader.reset();
+    end->writer.reset();
+    end->file.reset();
+    if (end->peer != -1) close(end->peer);
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    end->file = std::make_unique<VrnFile>();
+    end->file->assign(pair[0], "f", true);
+    end->peer = pair[1];
+    fcntl(end->peer, F_SETFL, O_NONBLOCK);
+    end->reader = std::make_unique<Watcher>(this, end, true);
+    end->writer = std::make_unique<Watcher>(this, end, false);
+    VrnAppShell::evtmgr->startAIO(end->file.get(), end->reader.get());
+  }
+
+  // On the dispatcher thread, so starts and stops are carried out in the next turn.
+  void operate() {
+    for (int i = 0; i < 5; ++i) {
+      End& end = ends[random() % ends.size()];
+      VrnEvtMgr* const mgr = VrnAppShell::evtmgr;
+      switch (random() % 12) {
+        case 0: mgr->stopAIO(end.file.get(), end.reader.get()); break;
+        case 1: mgr->startAIO(end.file.get(), end.reader.get()); break;
+        case 2: mgr->startAIO(end.file.get(), end.writer.get()); break;
+        case 3: open(&end); break;  // the number is used again
+        case 4:
+          if (end.peer != -1) close(end.peer);
+          end.peer = -1;
+          break;
+        default:
+          if (end.peer != -1) (void)!write(end.peer, "x", 1);
+      }
+    }
+  }
+
+  std::minstd_rand random;
+  std::vector<End> ends;
+  std::string story;
+};
+
+std::string story_with(const char* setting, const char* value, unsigned seed) {
+  unsetenv("VORN_EM_POLLONLY");
+  unsetenv("VORN_EM_POLLMAX");
+  setenv(setting, value, 1);
+  return Model(seed, 2000).run(2000);
+}
+
+TEST(ReadyWaitModelTest, CallbacksAreTheSameWithAndWithoutTheQueue) {
+  allow_descriptors(5000);
+  for (unsigned seed = 1; seed <= 3; ++seed) {
+    const std::string plain = story_with("VORN_EM_POLLONLY", "y", seed);
+    EXPECT_GT(plain.size(), 20000U);
+    EXPECT_EQ(plain, story_with("VORN_EM_POLLMAX", "32", seed)) << "seed " << seed;
+    EXPECT_EQ(plain, story_with("VORN_EM_POLLMAX", "0", seed)) << "seed " << seed;
+  }
+}
+
+// ---- many watched, few of them active ----
+
+struct ReadyWaitTest : testing::Test {
+  static constexpr int Many = 200;
+  static constexpr int Turns = 100;  // enough for what is idle to be handed over
+
+  ReadyWaitTest() {
+    allow_descriptors(4096);
+    connections.resize(Many);
+    for (auto& connection : connections) {
+      connection = std::make_unique<Connection>();
+      loop.on_dispatcher([this, &connection] { receiver.aioStart(&connection->file); });
+    }
+    for (int i = 0; i < Turns; ++i) loop.on_dispatcher([] {});
+  }
+
+  // What a test does comes after these turns.
+  Loop loop;
+  RecordingReceiver receiver{"receiver"};
+  std::vector<std::unique_ptr<Connection>> connections;
+};
+
+TEST_F(ReadyWaitTest, WhatHasBeenIdleIsHeard) {
+  loop.on_dispatcher([&] {
+    for (const auto& connection : connections) connection->send("x");
+  });
+  loop.run_until([&] { return receiver.received.size() == Many; });
+}
+
+TEST_F(ReadyWaitTest, ANumberThatIsClosedUnawaresIsToldWithinSeconds) {
+  VrnFile* const file = &connections[7]->file;
+  loop.on_dispatcher([&] { close(file->fd); });
+  loop.run_until([&] { return !receiver.removed.empty(); });
+  EXPECT_EQ(receiver.removed, (std::vector<Cancelled>{{file, true, true}}));
+}
+
+TEST_F(ReadyWaitTest, SoIsOneWhoseFileLivesOn) {
+  VrnFile* const file = &connections[7]->file;
+  int other = -1;
+  loop.on_dispatcher([&] {
+    other = dup(file->fd);
+    close(file->fd);
+  });
+  loop.when([&] { return !receiver.removed.empty(); },
+            [&] {
+              connections[7]->send("nobody hears this");
+              connections[8]->send("x");
+            });
+  loop.run_until([&] { return receiver.received == "x"; });
+  EXPECT_EQ(receiver.removed, (std::vector<Cancelled>{{file, true, true}}));
+  close(other);
+}
+
+TEST_F(ReadyWaitTest, ANumberThatIsUsedAgainIsTheNewFile) {
+  for (size_t i = 0; i < 50; ++i) {
+    loop.on_dispatcher([this, i] { receiver.aioStop(&connections[i]->file); });
+    loop.when([this, i] { return receiver.removed.size() == i + 1; },
+              [this, i] {
+                const int number = connections[i]->file.fd;
+                connections[i].reset();
+                connections[i] = std::make_unique<Connection>();
+                EXPECT_EQ(connections[i]->file.fd, number);
+                receiver.aioStart(&connections[i]->file);
+              });
+  }
+  loop.on_dispatcher([this] {
+    for (size_t i = 0; i < 50; ++i) connections[i]->send("x");
+  });
+  loop.run_until([&] { return receiver.received.size() == 50; });
+}
+
+TEST_F(ReadyWaitTest, ARegularFileIsAlwaysReady) {
+  char name[] = "/tmp/vornfc_ready.XXXXXX";
+  VrnFile regular;
+  regular.assign(mkstemp(name), "regular", true);
+  unlink(name);
+  int ready = 0;
+  receiver.on_ready = [&](VrnFile* file) { ready += file == &regular ? 1 : 0; };
+  loop.on_dispatcher([&] { receiver.aioStart(&regular); });
+  loop.when([&] { return ready > Turns; }, [&] { receiver.aioStop(&regular); });
+  loop.run_until([&] { return !receiver.removed.empty(); });
+}
+
+TEST(ReadyWaitMemoryTest, AnIdleDescriptorTakesLessThan200Bytes) {
+  constexpr int Watched = 10000;
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  if (limit.rlim_max < Watched + 100) GTEST_SKIP() << "not so many descriptors are allowed";
+  allow_descriptors(Watched + 100);
+  VrnEvtMgr* const mgr = VrnEvtMgr::instance(0);
+  VrnAppShell::evtmgr = mgr;
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  std::deque<VrnFile> files(Watched);
+  for (VrnFile& file : files) {
+    file.assign(dup(ends[0]), "f", true);
+    file.setBlockingMode(false);
+  }
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  int turns = 0;
+  size_t before = 0, after = 0;
+  CountingTimer timer("each turn");
+  timer.on_expired = [&] {
+    if (turns == 0) {
+      before = mallinfo2().uordblks;
+      std::thread([&] {
+        for (VrnFile& file : files) mgr->startAIO(&file, &reader);
+      }).join();
+    }
+    if (++turns < 100) return timer.startTimer(0, 0, 0, 0);
+    after = mallinfo2().uordblks;
+    mgr->stopDispatcher();
+  };
+  timer.startTimer(0, 0, 0, 0);
+  mgr->startDispatcher();
+  if (before == 0) GTEST_SKIP() << "the sanitizer has its own heap";
+  std::printf("%zu bytes each\n", (after - before) / Watched);
+  EXPECT_LT((after - before) / Watched, 200U);
+  files.clear();
+  close(ends[0]);
+  close(ends[1]);
+  VrnEvtMgr::destroy();
+}
+
+}  // namespace
+}  // namespace vornfc
