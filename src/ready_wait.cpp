@@ -15,10 +15,11 @@ namespace {
 
 constexpr long DefaultMostPolled = 32;
 constexpr unsigned IdleTurns = 16;        // before a descriptor is handed to the queue
-constexpr unsigned HotTurns = 64;         // before it is taken back
-constexpr unsigned TurnsWithoutTry = 16;  // after one in vain
-constexpr unsigned TurnsPerCheck = 64;    // turns between looks at the clock, in a lively time
-constexpr int CheckInterval = 1000;       // milliseconds
+constexpr unsigned HotTurns = 64;         // in a row with an event before it goes back to poll()
+constexpr unsigned TurnsWithoutTry = 16;  // after the queue was asked first in vain
+constexpr unsigned TurnsPerCheck =
+    64;  // turns between looks at the clock while the queue is asked first
+constexpr int CheckInterval = 1000;  // milliseconds
 
 static_assert(EPOLLIN == POLLIN && EPOLLPRI == POLLPRI && EPOLLOUT == POLLOUT &&
                   EPOLLERR == POLLERR && EPOLLHUP == POLLHUP,

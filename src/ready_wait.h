@@ -19,11 +19,11 @@ namespace vornfc {
 // The queue knows open files, poll() knows numbers. They differ only where a number is closed, or
 // given to another file, while it is watched: so all of the table is polled once a second too.
 //
-// Settings from the environment: VORN_EM_POLLONLY "y": plain poll() always; VORN_EM_POLLMAX: the
-// number of descriptors up to which it is (32).
+// Settings from the environment: VORN_EM_POLLONLY "y": plain poll() always; VORN_EM_POLLMAX: up to
+// this many descriptors plain poll() is used (32; no number counts as 0, the queue takes all).
 //
-// Not thread-safe: the event manager calls poll() on the dispatcher thread, and everything else
-// with its registry lock held.
+// Threads: the event manager calls poll() on the dispatcher thread, and everything else with its
+// registry lock held. Another thread only calls forget(), which touches nothing that poll() does.
 class ReadyWait {
  public:
   ReadyWait();
@@ -89,7 +89,7 @@ class ReadyWait {
   std::vector<pollfd> checked;  // all of the table, once a second; empty: not in this turn
   int queue = -1;
   size_t queued_count = 0;
-  bool stale = false;  // the queue holds an open file whose number is not ours to name any more
+  bool stale = false;  // a file could not be taken out of the queue: its number is not its any more
   unsigned turn = 0;
   unsigned next_try = 0;  // the turn from which on the queue is asked first
   long last_check = 0;    // milliseconds

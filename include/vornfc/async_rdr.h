@@ -34,7 +34,8 @@ class VORNFC_EXPORT VrnAsyncReader : public VrnAIO {
 
   /// Reads `bytes` bytes of `file` into `buf`, again and again, with an aioReceived() each time; 0:
   /// listens. A request replaces the one before, and what that had read is abandoned. Watches
-  /// `file` from now on if it is not watched yet.
+  /// `file` from now on if it is not watched yet. A request made while a stop of the file is under
+  /// way does not undo the stop: aioRemoved() follows all the same.
   /// Throws VrnException 3 when `bytes` is negative, `buf` null with `bytes` above 0, `file` null,
   /// or there is no event manager, and what VrnEvtMgr::startAIO() throws; nothing has then changed.
   void aioRequest(VrnFile* file, int bytes, char* buf, bool locked = false);

@@ -1,5 +1,5 @@
 #pragma once
-/// The event manager on poll(), and the registrar of the requests made inside its callbacks.
+/// The event manager, and the registrar of the requests made inside its callbacks.
 
 #include "vornfc/evtmgr.h"
 #include "vornfc/export.h"
@@ -27,7 +27,8 @@ struct ImplAppShell;
 class ReadyWait;
 class TimerQueue;
 
-/// The event manager that waits in poll(). Reached through VrnEvtMgr::instance(); its settings are
+/// The event manager that waits in poll(), with a queue of the kernel's behind it where many
+/// descriptors are idle. Reached through VrnEvtMgr::instance(); its settings are
 /// read from the environment at construction:
 ///   VORN_EM_THROWTASKS  "y": an exception from a timer or descriptor callback ends the loop
 ///   VORN_EM_TIMERPREC   microseconds of timer distance per millisecond of waiting, at least 1000
