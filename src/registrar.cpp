@@ -138,7 +138,10 @@ bool AsyncRegistrar::accept(const Request& request) {
       return true;
     }
     in_pipe = write_record(request);
-    if (in_pipe) return true;
+    if (in_pipe) {
+      piped = request;
+      return true;
+    }
     if (errno == EAGAIN) {
       backlog.push_back(request);
       return true;
@@ -369,19 +372,12 @@ void AsyncRegistrar::confirm_ends() {
   }
 }
 
-// Those that were taken and are not carried out; the pipe is empty afterwards.
+// Those that were taken and are not carried out. What the pipe holds is not asked: a process that
+// was forked may have read from it, or written requests there that name objects of its own.
 std::deque<AsyncRegistrar::Request> AsyncRegistrar::unread_requests() {
-  std::deque<Request> unread;
-  std::array<Request, RecordsPerRead> records;
-  for (;;) {
-    const ssize_t size = read_records(records.data(), sizeof records);
-    if (size <= 0) break;
-    for (size_t i = 0; i < static_cast<size_t>(size) / RecordSize; ++i) {
-      if (int_word(records[i].words[0]) != WakeRecord) unread.push_back(records[i]);
-    }
-  }
   VrnMutexGuard guard(mutex.get());
-  unread.insert(unread.end(), backlog.begin(), backlog.end());
+  std::deque<Request> unread(backlog.begin(), backlog.end());
+  if (in_pipe) unread.push_front(piped);
   in_pipe = false;
   backlog.clear();
   return unread;

@@ -292,7 +292,8 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
 
   // Guarded by the mutex of VrnAIO.
   int wfd = -1;
-  bool in_pipe = false;  // a request is in the pipe, unread
+  bool in_pipe = false;  // a request, this one, is in the pipe, unread
+  Request piped;
   bool carrying_out = false;
   bool stopped = false;
   std::vector<Request> backlog;  // requests behind the one in the pipe
