@@ -666,12 +666,15 @@ TEST_F(TimedConnectTest, AttemptThatTimedOutMayBeWaitedForAgain) {
 // way out would leave a lock behind: the socket's, that of the log or that of the heap.
 class AlarmAnywhereTest : public TimedConnectTest {
  protected:
-  void connect_again_and_again() {
+  void SetUp() override {
+    TimedConnectTest::SetUp();
 #ifdef VORNFC_TEST_TSAN
-    constexpr int connects = 500;
-#else
-    constexpr int connects = 3000;
+    GTEST_SKIP() << "the sanitizer keeps signals back until their action has changed";
 #endif
+  }
+
+  void connect_again_and_again() {
+    constexpr int connects = 3000;
     std::mt19937 random;
     Lines expected;
     for (int i = 0; i < connects; ++i) {
