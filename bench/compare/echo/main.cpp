@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -90,6 +91,7 @@ void measure(const Serve& serve, const compare::Arguments& arguments) {
   const int listening = listen_on_loopback();
   const pid_t server = fork();
   if (server == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // also where the measurement fails
     serve(listening);
     _exit(1);
   }
