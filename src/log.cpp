@@ -1,3 +1,4 @@
+#define VORNFC_LOG_IMPLEMENTATION  // log() itself, not its short form, is in this file
 #include "vornfc/log.h"
 
 #include "text.h"
@@ -128,6 +129,18 @@ class ErrnoKeeper {
 
  private:
   const int value = errno;
+};
+
+// Ends the use of a list of arguments at the end of a scope.
+class ArgumentList {
+ public:
+  explicit ArgumentList(va_list& arguments) : list(arguments) {}
+  ArgumentList(const ArgumentList&) = delete;
+  ArgumentList& operator=(const ArgumentList&) = delete;
+  ~ArgumentList() { va_end(list); }
+
+ private:
+  va_list& list;
 };
 
 // Holds the lock of a stream to the end of a scope; null: does nothing.
@@ -282,7 +295,7 @@ class Record {
 // The state behind a log. `mutex` guards flog, cyclestamp, torn and the record; nothing else but
 // the level changes after the construction.
 struct ImplLog {
-  ImplLog(std::FILE* stream, bool owns, int frequency, int lvl, const char* format, int precision);
+  ImplLog(std::FILE* stream, bool owns, int frequency, const char* format, int precision);
   ~ImplLog() { close_file(); }
   ImplLog(const ImplLog&) = delete;
   ImplLog& operator=(const ImplLog&) = delete;
@@ -296,7 +309,6 @@ struct ImplLog {
   bool write_stream(std::string_view line);
 
   std::FILE* flog;
-  std::atomic<int> level;
   const int cyclefreq;
   const std::string timefmt;
   const int timeprec;
@@ -317,10 +329,8 @@ struct ImplLog {
   VrnMutex mutex{"VrnLog"};
 };
 
-ImplLog::ImplLog(std::FILE* stream, bool owns, int frequency, int lvl, const char* format,
-                 int precision)
+ImplLog::ImplLog(std::FILE* stream, bool owns, int frequency, const char* format, int precision)
     : flog(stream),
-      level(lvl),
       cyclefreq(frequency),
       timefmt(format ? format : ""),
       timeprec(precision),
@@ -397,7 +407,8 @@ bool ImplLog::write_stream(std::string_view line) {
 
 VrnLog::VrnLog(const char* apptag, const char* filename, int cyclefreq, int level,
                const char* timefmt, int timeprec)
-    : impl(std::make_unique<ImplLog>(nullptr, true, cyclefreq, level, timefmt, timeprec)) {
+    : threshold(level),
+      impl(std::make_unique<ImplLog>(nullptr, true, cyclefreq, timefmt, timeprec)) {
   const char* prognam = gnl_prognam ? gnl_prognam : "Unknown";
   const std::string tag = is_blank(apptag) ? prognam : apptag;
   impl->filepath = is_blank(filename) ? default_path() : filename;
@@ -410,7 +421,7 @@ VrnLog::VrnLog(const char* apptag, const char* filename, int cyclefreq, int leve
 }
 
 VrnLog::VrnLog(std::FILE* stream, int level, const char* timefmt, int timeprec)
-    : impl(std::make_unique<ImplLog>(stream, false, Never, level, timefmt, timeprec)) {}
+    : threshold(level), impl(std::make_unique<ImplLog>(stream, false, Never, timefmt, timeprec)) {}
 
 VrnLog::~VrnLog() {
   try {
@@ -459,7 +470,7 @@ VrnLog* VrnLog::defaultCreate() {
 }
 
 int VrnLog::level(const char* text) {
-  return impl->level.exchange(level_of(text));
+  return threshold.exchange(level_of(text));
 }
 
 int VrnLog::level(int n) {
@@ -475,23 +486,26 @@ bool VrnLog::cycle(struct tm* now) {
 // The level is looked at ahead of everything else: most calls in a program are for records that
 // nobody wants now.
 void VrnLog::log(int lvl, const char* fmt, ...) {
-  if (lvl > impl->level) return;
+  if (lvl > threshold) return;
   va_list ap;
   va_start(ap, fmt);
-  try {
-    log(ap, lvl, fmt);
-  } catch (...) {
-    va_end(ap);
-    throw;
-  }
-  va_end(ap);
+  const ArgumentList end(ap);
+  log(ap, lvl, fmt);
+}
+
+// What log() is where its short form has looked at the level.
+void VrnLog::record(int lvl, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  const ArgumentList end(ap);
+  log(ap, lvl, fmt);
 }
 
 // What does not depend on the time is put together ahead of the lock. The time is taken under the
 // lock: records are in the order of their times, and no record can take a new period's log back to
 // the old one.
 void VrnLog::log(va_list ap, int lvl, const char* fmt) {
-  if (lvl > impl->level) return;
+  if (lvl > threshold) return;
   const ErrnoKeeper caller_errno;
   Record rest;
   rest.add(std::string_view(" "));

@@ -1,5 +1,6 @@
 #include "vornfc/async_rdr.h"
 
+#include "support/allocations.h"
 #include "support/log_capture.h"
 #include "support/loop.h"
 #include "support/planned_call.h"
@@ -21,10 +22,8 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <memory>
-#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -58,8 +57,6 @@ struct Reads {
 
 Reads reads;
 
-std::atomic<long> allocations{0};
-
 }  // namespace
 
 extern "C" ssize_t read(int fd, void* buf, size_t count) {
@@ -77,19 +74,6 @@ extern "C" ssize_t read(int fd, void* buf, size_t count) {
     }
   }
   return sys::forward("read", &read, fd, buf, count);
-}
-
-// Counts; gives way to the operators of a sanitizer that insists on its own.
-__attribute__((weak)) void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-__attribute__((weak)) void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-__attribute__((weak)) void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
 }
 
 namespace vornfc {
@@ -1701,7 +1685,7 @@ TEST_F(AsyncReaderTest, BufferIsNotWrittenToAfterAStopElsewhere) {
 // ---- cost ----
 
 TEST_F(AsyncReaderTest, ReadAllocatesNothing) {
-  if (allocations == 0) GTEST_SKIP() << "the sanitizer has its own operator new";
+  REQUIRE_COUNTED_ALLOCATIONS();
   class Counter : public VrnAsyncReader {
    public:
     Counter() : VrnAsyncReader("counter") {}
@@ -1717,23 +1701,23 @@ TEST_F(AsyncReaderTest, ReadAllocatesNothing) {
   elsewhere([&] {
     reader.aioRequest(file, 4, buffer);
     connection.send("abcdefgh");
-    before = allocations;
+    before = sys::allocations();
     for (int i = 0; i < 3; ++i) reader.aioReady(file);  // two buffers, then there is no data
-    after = allocations;
+    after = sys::allocations();
     EXPECT_EQ(after, before);
     EXPECT_EQ(reader.received, 2);
 
     connection.send("ab");
-    before = allocations;
+    before = sys::allocations();
     reader.aioReady(file);  // a part of a buffer
-    after = allocations;
+    after = sys::allocations();
     EXPECT_EQ(after, before);
     EXPECT_EQ(reader.pendingBytes(file), 2);
 
     reader.aioListen(file);
-    before = allocations;
+    before = sys::allocations();
     reader.aioReady(file);
-    after = allocations;
+    after = sys::allocations();
     EXPECT_EQ(after, before);
     EXPECT_EQ(reader.readable, 1);
     EXPECT_EQ(reader.aioTerminate(), 0);

@@ -2,6 +2,7 @@
 
 #include "vornfc/config.h"
 
+#include "support/allocations.h"
 #include "support/wait_for.h"
 #include "vornfc/exception.h"
 
@@ -18,7 +19,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -28,23 +28,6 @@ using vornfc::VrnConfig;
 using vornfc::VrnConfigMgr;
 using vornfc::VrnException;
 using vornfc::VrnNocaseStringLess;
-
-namespace {
-std::atomic<long> allocations{0};
-}
-
-// Counts; gives way to the operators of a sanitizer that insists on its own.
-__attribute__((weak)) void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-__attribute__((weak)) void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-__attribute__((weak)) void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -443,16 +426,16 @@ TEST_F(ConfigTest, MissingIndex) {
 }
 
 TEST_F(ConfigTest, LookUpAllocatesNothingBeyondTheCopy) {
-  if (allocations == 0) GTEST_SKIP() << "the sanitizer has its own operator new";
+  REQUIRE_COUNTED_ALLOCATIONS();
   const std::string long_text(100, 'x');
   const VrnConfig config = parse("[a long name of a group]\nan item with a long name=short;" +
                                  long_text + "\nflag=yes\nnumber=42\n");
   const std::string group = "a long name of a group";
   const std::string item = "an item with a long name";
   const auto allocated_by = [](const std::function<void()>& action) {
-    const long before = allocations;
+    const long before = sys::allocations();
     action();
-    return allocations - before;
+    return sys::allocations() - before;
   };
   EXPECT_EQ(allocated_by([&] { config.exists(group, item); }), 0);
   EXPECT_EQ(allocated_by([&] { config.value(group, item, true, 0); }), 0);

@@ -5,6 +5,7 @@
 
 #include "vornfc/export.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -115,8 +116,19 @@ class VORNFC_EXPORT VrnLog {
   void log(va_list ap, int lvl, const char* fmt) __attribute__((format(printf, 4, 0)));
 
  private:
+  void record(int lvl, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+
+  std::atomic<int> threshold;  // the trace level
   std::unique_ptr<ImplLog> impl;
 };
+
+// A record that nobody wants costs a comparison where the call stands, and not the call. Variable
+// arguments can be handed on only by a compiler that knows how; others call log() itself.
+#if defined(__GNUC__) && !defined(__clang__) && !defined(VORNFC_LOG_IMPLEMENTATION)
+inline __attribute__((gnu_inline, always_inline)) void VrnLog::log(int lvl, const char* fmt, ...) {
+  if (lvl <= threshold.load(std::memory_order_relaxed)) record(lvl, fmt, __builtin_va_arg_pack());
+}
+#endif
 
 /// The settings of a logger in numbers, for VrnAppShell. The texts are those of the constructors of
 /// VrnLog; the numbers are handed over unchecked.

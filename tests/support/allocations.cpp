@@ -1,0 +1,44 @@
+#include "support/allocations.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool Sanitized = true;
+#elif defined(__has_feature)
+constexpr bool Sanitized = __has_feature(thread_sanitizer) || __has_feature(address_sanitizer);
+#else
+constexpr bool Sanitized = false;
+#endif
+
+thread_local long count = 0;
+
+}  // namespace
+
+namespace sys {
+
+long allocations() {
+  return count;
+}
+
+bool counts_allocations() {
+  return !Sanitized;
+}
+
+}  // namespace sys
+
+// Gives way to the operators of a sanitizer that insists on its own.
+__attribute__((weak)) void* operator new(std::size_t size) {
+  ++count;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+__attribute__((weak)) void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+__attribute__((weak)) void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}

@@ -1,0 +1,19 @@
+#pragma once
+// Counts the allocations of a test program and of the libraries that it uses.
+
+#include <gtest/gtest.h>
+
+namespace sys {
+
+// The calls of operator new that the calling thread has made.
+long allocations();
+
+// False: a sanitizer has its own operator new, and allocations() stays 0.
+bool counts_allocations();
+
+}  // namespace sys
+
+// The head of a test that counts allocations. Where they can be counted, they have to be.
+#define REQUIRE_COUNTED_ALLOCATIONS()                                             \
+  if (!sys::counts_allocations()) GTEST_SKIP() << "a sanitizer has operator new"; \
+  ASSERT_GT(sys::allocations(), 0) << "allocations are not seen"
