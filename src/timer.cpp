@@ -24,7 +24,7 @@ ImplTimer::ImplTimer(VrnTimer* timer, const char* name) : owner(timer) {
   tag = objtag(name, timer, buf);
 }
 
-void ImplTimer::start(const timeval& when, const timeval& every) {
+void ImplTimer::start(timeval when, timeval every) {
   if (state == Queued) stop();
   if (state != Idle) {
     pending_expiry = when;

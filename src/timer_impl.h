@@ -24,8 +24,8 @@ struct ImplTimer {
 
   ImplTimer(VrnTimer* timer, const char* name);
 
-  void start(const timeval& when, const timeval& every);
-  bool stop();  // true: idle now
+  void start(timeval when, timeval every);  // by value: in registers, where they were made
+  bool stop();                              // true: idle now
 
   // The locks order what depends on these; a plain store is all that the others need.
   void become(State s) { state.store(s, std::memory_order_relaxed); }

@@ -13,7 +13,7 @@ constexpr size_t Children = 4;
 void TimerQueue::insert(ImplTimer* timer) {
   const timeval& expiry = timer->expiry;
   const Entry entry{std::int64_t{expiry.tv_sec} * 1000000 + expiry.tv_usec, insertions++, timer};
-  heap.push_back(entry);
+  heap.emplace_back();
   sift_up(heap.size() - 1, entry);
 }
 

@@ -1,6 +1,9 @@
 #include "timers.h"
 
 #include <event2/event.h>
+#include <event2/thread.h>
+
+#include <thread>
 
 namespace {
 
@@ -29,6 +32,12 @@ void open_precise(size_t count) {
   open_with(EVENT_BASE_FLAG_PRECISE_TIMER, count);
 }
 
+// Set up for calls from any thread, which is what the library always is.
+void open_for_threads(size_t count) {
+  evthread_use_pthreads();
+  open_with(EVENT_BASE_FLAG_PRECISE_TIMER, count);
+}
+
 void start(size_t timer, long usec) {
   const timeval distance{usec / 1000000, usec % 1000000};
   event_add(timers[timer], &distance);
@@ -46,7 +55,18 @@ void quit() {
   event_base_loopbreak(base);
 }
 
+void outside(void (*calls)()) {
+  std::thread thread([calls] {
+    calls();
+    quit();
+  });
+  event_base_loop(base, EVLOOP_NO_EXIT_ON_EMPTY);
+  thread.join();
+}
+
 const compare::Enter<Timers> entry("libevent", {open, start, stop, run, quit});
 const compare::Enter<Timers> precise("libevent_precise", {open_precise, start, stop, run, quit});
+const compare::Enter<Timers> threads("libevent_threads",
+                                     {open_for_threads, start, stop, run, quit, outside});
 
 }  // namespace
