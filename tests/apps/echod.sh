@@ -25,16 +25,11 @@ await() {
 
 # Starts echod, with the options given, on a port that is free, and leaves it in $port.
 start() {
-  for _ in 1 2 3 4 5 6 7 8; do
-    port=$(($(od -An -N2 -tu2 /dev/urandom) % 20000 + 20000))
-    rm -f "$dir/log"
-    VORNTRC_FILENAME=$dir/log "$echod" -a "127.0.0.1:$port" "$@" 2>"$dir/err" &
-    pid=$!
-    await grep -qE 'Serving on|Failed to bind' "$dir/log" "$dir/err"
-    if grep -q 'Serving on' "$dir/log"; then return; fi
-    wait "$pid" || true
-  done
-  fail "no free port"
+  port=$("$(dirname "$0")/../../tools/free-ports" 1)
+  rm -f "$dir/log"
+  VORNTRC_FILENAME=$dir/log "$echod" -a "127.0.0.1:$port" "$@" &
+  pid=$!
+  await grep -q 'Serving on' "$dir/log"
 }
 
 stop() {

@@ -7,8 +7,7 @@ size=${2:-1073741824}  # of what is downloaded and uploaded
 . "$(dirname "$0")/expect.sh"
 PATH=$PATH:/usr/sbin
 
-# Four ports in a row, hardly ever in use.
-web=$(($(od -An -N2 -tu2 /dev/urandom) % 20000 + 30000))
+web=$("$(dirname "$0")/../../tools/free-ports" 4)
 web_relayed=$((web + 1))
 redis=$((web + 2))
 redis_relayed=$((web + 3))
