@@ -21,7 +21,9 @@ namespace {
 
 constexpr int NotRecognised = 3;  // the result of appParseArg(), and of a callback that failed
 
+// One of `project` and `description` is not null.
 std::string make_title(const char* project, const char* suffix, const char* description) {
+  // cppcheck-suppress nullPointerRedundantCheck
   std::string title = description ? description : project;
   if (description && project) title.append(": ").append(project);
   if (suffix) title.append(" ").append(suffix);

@@ -70,6 +70,8 @@ group_t::group_t(const group_t& other) : name(other.name), items(other.items) {
   for (const std::string* item : other.itemnams) itemnams.push_back(&items.find(*item)->first);
 }
 
+// The scratch memory is as it comes: a value is written to it before it is looked at.
+// cppcheck-suppress uninitMemberVar
 ConfigParser::ConfigParser(std::FILE* stream, ConfigContent* content, ConfigSink* reports)
     : in(stream), out(content), sink(reports) {
   if (!out->texts) out->texts = std::make_shared<TextStore>();

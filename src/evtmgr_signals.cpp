@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cerrno>
-#include <vector>
 
 // The part of the native event manager that delivers signals.
 namespace vornfc {
@@ -64,11 +63,10 @@ VrnSignalHandler* VrnEvtMgrNative::change_signal(Lock* lock, bool start, bool no
   VrnAssertFull(!start || handler, "EvtMgr: Null handler for Signal=%d", signo);
   VrnSignalHandler* previous = nullptr;
   if (signo == -1) {
-    std::vector<int> signals;
-    for (const auto& [number, holder] : sighandlers) {
-      if (holder == handler) signals.push_back(number);
+    for (auto next = sighandlers.begin(); next != sighandlers.end();) {
+      const auto [number, holder] = *next++;
+      if (holder == handler) change_signal(lock, false, false, handler, number, ignore);
     }
-    for (const int number : signals) change_signal(lock, false, false, handler, number, ignore);
   } else {
     if (const auto it = sighandlers.find(signo); it != sighandlers.end()) previous = it->second;
     struct sigaction action {};  // no SA_RESTART: a signal has to interrupt poll()

@@ -391,6 +391,7 @@ void ImplLog::write() {
     const ssize_t written = ::write(fileno(flog), rest.data(), rest.size());
     if (written == -1 && errno == EINTR) continue;
     if (written <= 0) return;
+    // cppcheck-suppress containerOutOfBounds  // the rest is not empty here
     torn = rest[static_cast<std::size_t>(written) - 1] != '\n';
     rest.remove_prefix(static_cast<std::size_t>(written));
   }
@@ -491,6 +492,7 @@ void VrnLog::log(int lvl, const char* fmt, ...) {
   va_start(ap, fmt);
   const ArgumentList end(ap);
   log(ap, lvl, fmt);
+  // cppcheck-suppress va_end_missing  // `end` does it, after an exception too
 }
 
 // What log() is where its short form has looked at the level.
@@ -499,6 +501,7 @@ void VrnLog::record(int lvl, const char* fmt, ...) {
   va_start(ap, fmt);
   const ArgumentList end(ap);
   log(ap, lvl, fmt);
+  // cppcheck-suppress va_end_missing  // `end` does it, after an exception too
 }
 
 // What does not depend on the time is put together ahead of the lock. The time is taken under the

@@ -16,7 +16,7 @@ namespace {
 
 constexpr int MaxLineBuffer = 4096;
 
-std::string text(const char* given) {
+const char* text(const char* given) {
   return given ? given : "";
 }
 
@@ -34,22 +34,21 @@ void VrnBufferedStdio::Closer::operator()(FILE* file) const {
 }
 
 VrnBufferedStdio::VrnBufferedStdio(FILE* file, int size, bool byLineIfNotFile, const char* env)
-    : stream(file), lineIfNotFile(byLineIfNotFile), envName(text(env)) {
+    : lineIfNotFile(byLineIfNotFile), envName(text(env)), stream(file) {
   VrnAssertFull(stream != nullptr, "RAII: Null FILE");
   set(size);
 }
 
 VrnBufferedStdio::VrnBufferedStdio(const char* path, const char* fopenMode, int size,
                                    bool byLineIfNotFile, const char* env)
-    : stream(fopen(text(path).c_str(), text(fopenMode).c_str())),
-      lineIfNotFile(byLineIfNotFile),
+    : lineIfNotFile(byLineIfNotFile),
       envName(text(env)),
-      opened(stream) {
+      opened(fopen(text(path), text(fopenMode))),
+      stream(opened.get()) {
   if (!stream) {
-    throw VrnException(2, "Failed to open file=%s for %s (errno=%d)", text(path).c_str(),
-                       text(fopenMode).c_str(), errno);
+    throw VrnException(2, "Failed to open file=%s for %s (errno=%d)", text(path), text(fopenMode),
+                       errno);
   }
-  VrnAssertFull(opened != nullptr, "RAII: Null FILE");
   set(size);
 }
 

@@ -93,9 +93,11 @@ void VrnAssertFull(bool cond, const char* fmt, ...) {
 char* num2buf(const char* fmt, long value, char* buf) {
   VrnAssertBasic(fmt != nullptr, "num2buf: Null format");
   if (!buf) {
+    // cppcheck-suppress invalidPrintfArgType_uint  // the caller's format is for a long
     std::snprintf(localbuf, sizeof localbuf, fmt, value);
     return localbuf;
   }
+  // cppcheck-suppress invalidPrintfArgType_uint
   std::sprintf(buf, fmt, value);
   return buf;
 }

@@ -54,11 +54,11 @@ class VORNFC_EXPORT VrnBufferedStdio {
 
   bool by_line() const;
 
-  FILE* stream;
   const bool lineIfNotFile;
   const std::string envName;
   std::unique_ptr<char[]> buffer;        // the stream's; null: unbuffered, or as it came
   std::unique_ptr<FILE, Closer> opened;  // null: the stream was adopted
+  FILE* const stream;
 };
 
 }  // namespace vornfc
