@@ -4,6 +4,7 @@ if(VORNFC_SANITIZE)
   add_link_options(-fsanitize=${VORNFC_SANITIZE})
 endif()
 if(VORNFC_COVERAGE)
-  add_compile_options(--coverage)
+  # Counts of several threads are not to get lost.
+  add_compile_options(--coverage -fprofile-update=atomic)
   add_link_options(--coverage)
 endif()
