@@ -181,8 +181,9 @@ int ImplAppShell::parse_arg(int isSwitch, int opt, const char* arg) {
 
 // An earlier manager stays alive: the application may have attached observers to it.
 void ImplAppShell::adopt_config(std::unique_ptr<VrnConfig> content, const std::string& group) {
-  configs.push_back(std::make_unique<VrnConfigMgr>(content.get(), group));
+  auto manager = std::make_unique<VrnConfigMgr>(content.get(), group);
   static_cast<void>(content.release());
+  configs.push_back(std::move(manager));
   config = configs.back().get();
 }
 

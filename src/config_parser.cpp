@@ -51,8 +51,10 @@ bool has_cases_beyond_ascii(std::string_view text) {
 
 std::string_view TextStore::add(std::string_view text) {
   if (text.size() > left) {
-    left = std::max(text.size(), next_size);
-    room = blocks.emplace_back(new char[left]).get();
+    const std::size_t size = std::max(text.size(), next_size);
+    blocks.push_back(std::unique_ptr<char[]>(new char[size]));
+    room = blocks.back().get();
+    left = size;
     if (next_size < 65536) next_size *= 2;
   }
   char* const stored = room;

@@ -101,7 +101,7 @@ VrnEvtMgrNative::~VrnEvtMgrNative() {
   {
     const Lock lock(registry);
     native_manager = nullptr;
-    for (ImplTimer* timer : timers->in_order()) timer->queued = false;
+    while (!timers->empty()) unqueue(timers->first()->owner);
     while (!pollfds.empty()) unregister(iofiles[static_cast<size_t>(pollfds.back().fd)].file);
   }
   registrar.reset();

@@ -64,7 +64,7 @@ int VrnException::syserr() const {
   return system_error;
 }
 
-std::string VrnException::handler() {
+std::string VrnException::handler() try {
   try {
     throw;
   } catch (VrnException& e) {
@@ -81,6 +81,10 @@ std::string VrnException::handler() {
   } catch (...) {
     return "Unidentified exception";
   }
+} catch (...) {
+  // Destructors and handlers of exceptions ask here, so nothing is thrown: this text is short
+  // enough to need no memory.
+  return "out of memory";
 }
 
 }  // namespace vornfc

@@ -13,7 +13,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <new>
 #include <string>
+#include <utility>
 
 namespace vornfc {
 
@@ -39,6 +41,9 @@ int int_word(const void* word) {
 void close_on_exec(int fd) {
   fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
 }
+
+// The type of one that is not to be carried out.
+constexpr int VoidedRequest = WakeRecord - 1;
 
 constexpr size_t RecordsPerRead = 16;
 constexpr int MaxReads = 4;             // in one turn
@@ -122,14 +127,19 @@ bool AsyncRegistrar::submit(int type, int nargs, ...) {
   for (int i = 1; i <= nargs; ++i) request.words[static_cast<size_t>(i)] = va_arg(args, void*);
   va_end(args);
 
-  VrnMutexGuard guard(mutex.get());
-  if (!accept(request) && (is_start(type) || stopped)) return false;
-  taken.store(taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  return true;
+  bool accepted;
+  int failure = 0;  // of the pipe
+  {
+    VrnMutexGuard guard(mutex.get());
+    accepted = accept(request, &failure) || (!is_start(type) && !stopped);
+    if (accepted) taken.store(taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+  if (failure != 0) vrnlog(1, "AsyncRegistrar: Failed to write a request (errno=%d)", failure);
+  return accepted;
 }
 
 // False: the request was refused, unless it is one that is kept until the loop has ended.
-bool AsyncRegistrar::accept(const Request& request) {
+bool AsyncRegistrar::accept(const Request& request, int* failure) {
   if (wfd != -1) {
     // One record in the pipe ends the wait of the loop; those behind it cost no system call. A full
     // pipe ends the wait as well.
@@ -137,8 +147,8 @@ bool AsyncRegistrar::accept(const Request& request) {
       backlog.push_back(request);
       return true;
     }
-    in_pipe = write_record(request);
-    if (in_pipe) {
+    if (write_record(request)) {
+      in_pipe = true;
       piped = request;
       return true;
     }
@@ -146,6 +156,10 @@ bool AsyncRegistrar::accept(const Request& request) {
       backlog.push_back(request);
       return true;
     }
+    // Without its pipe the loop would miss every request from here on, so it ends, in the way that
+    // it always does: at the end of the pipe.
+    *failure = errno;
+    shut_write_end();
   }
   if (!is_start(int_word(request.words[0])) && !stopped) queue.push_back(request);
   return false;
@@ -171,8 +185,8 @@ void AsyncRegistrar::aioReady(VrnFile*) {
     for (size_t i = 0; i < count; ++i) {
       if (int_word(records[i].words[0]) == WakeRecord) {
         mgr->wake_sent = false;
-      } else {
-        take_from_pipe(records[i]);
+      } else if (!carry_out_piped(records[i])) {
+        return cancel(true);
       }
     }
     if (!carry_out_batches()) return cancel(true);
@@ -201,20 +215,29 @@ ssize_t AsyncRegistrar::read_records(Request* records, size_t size) {
   return got;
 }
 
-void AsyncRegistrar::take_from_pipe(const Request& request) {
+bool AsyncRegistrar::carry_out_piped(const Request& record) {
+  std::unique_lock<std::mutex> lock(registry);
+  Request request = record;
+  {
+    VrnMutexGuard guard(mutex.get());
+    if (in_pipe && is_voided(piped)) request = piped;
+    in_pipe = false;
+    carrying_out = true;
+  }
+  if (carry_out(&lock, request, "submitted", false)) return true;
+  lock.unlock();
   VrnMutexGuard guard(mutex.get());
-  in_pipe = false;
-  carrying_out = true;
-  batch.push_back(request);
+  carrying_out = false;
+  return false;
 }
 
-// Carries out the request of the pipe, then those in memory, and those that are made meanwhile.
-// They are taken out together and carried out under one hold of the registry lock, which their
-// callbacks interrupt: a burst of requests costs each of them hardly more than its own work. False:
-// one is of an unknown type; those behind it stay.
+// Carries out the requests in memory, and those that are made meanwhile. They are taken out
+// together and carried out under one hold of the registry lock, which their callbacks interrupt: a
+// burst of requests costs each of them hardly more than its own work. False: one is of an unknown
+// type; those behind it stay.
 bool AsyncRegistrar::carry_out_batches() {
   for (;;) {
-    if (batch.empty()) {
+    {
       VrnMutexGuard guard(mutex.get());
       // One that is in the pipe still, behind many wakes, is older than those in memory.
       carrying_out = !in_pipe && !backlog.empty();
@@ -271,9 +294,14 @@ void AsyncRegistrar::refuse(std::unique_lock<std::mutex>* lock, void** record) {
   mgr->tell_cancelled(lock, file, aio, false, true);
 }
 
+bool AsyncRegistrar::is_voided(const Request& request) {
+  return int_word(request.words[0]) == VoidedRequest;
+}
+
 // Counts the request as it is taken out.
 bool AsyncRegistrar::is_void(const Request& request) {
   const std::uint64_t number = carried_out++;
+  if (is_voided(request)) return true;
   if (voided.empty()) return false;
   const auto voids = [&](const void* object, const void* second) {
     const auto it = voided.find({object, second});
@@ -288,7 +316,28 @@ bool AsyncRegistrar::is_void(const Request& request) {
 }
 
 void AsyncRegistrar::voidRequests(const void* object, const void* second) {
-  if (carried_out < taken) voided[{object, second}] = taken;
+  if (carried_out >= taken) return;
+  try {
+    voided[{object, second}] = taken;
+  } catch (const std::bad_alloc&) {
+    void_each(object, second);
+  }
+}
+
+// What an object does that ends while there is no memory: it marks its requests themselves.
+void AsyncRegistrar::void_each(const void* object, const void* second) {
+  VrnMutexGuard guard(mutex.get());
+  const auto mark = [&](Request* request) {
+    const int type = int_word(request->words[0]);
+    const void* const first = request->words[1];
+    const void* const aio = type == StartAIO || type == StopAIO ? request->words[2] : nullptr;
+    const bool names = second ? first == object && aio == second : first == object || aio == object;
+    if (names) request->words[0] = type_word(VoidedRequest);
+  };
+  mark(&piped);
+  for (std::vector<Request>* const requests : {&batch, &backlog, &queue}) {
+    for (Request& request : *requests) mark(&request);
+  }
 }
 
 int AsyncRegistrar::processRequest(void** record) {
@@ -337,6 +386,10 @@ void AsyncRegistrar::aioCancelled(VrnFile*, bool hangup, bool err) {
 
 void AsyncRegistrar::close_write_end() {
   VrnMutexGuard guard(mutex.get());
+  shut_write_end();
+}
+
+void AsyncRegistrar::shut_write_end() {
   if (wfd == -1) return;
   close_wake(wfd);
   close(wfd);
@@ -347,40 +400,57 @@ void AsyncRegistrar::dispatcherStopped() {
   vrnlog(4, "AsyncRegistrar.dispatcherStopped: Enter with unreg_reqs=%d",
          static_cast<int>(queue.size()));
   close_write_end();  // a loop that was stopped before it began never watched the pipe
-  std::deque<Request> rest = unread_requests();
   {
     VrnMutexGuard guard(mutex.get());
     stopped = true;
-    rest.insert(rest.end(), queue.begin(), queue.end());
-    queue.clear();
   }
   // The loop may also have ended, by another thread or a failure, over requests that it had not
   // read: their stops are confirmed like those that came later.
   std::unique_lock<std::mutex> lock(registry);
-  for (const Request& request : rest) carry_out(&lock, request, "queued", true);
+  carry_out_rest(&lock, &backlog);
+  carry_out_rest(&lock, &queue);
+}
+
+// Nothing is added to the rest meanwhile. Objects that end meanwhile find their requests in
+// `batch`.
+void AsyncRegistrar::carry_out_rest(std::unique_lock<std::mutex>* lock,
+                                    std::vector<Request>* rest) {
+  Request first;
+  if (take_piped(&first)) carry_out(lock, first, "queued", true);
+  take_batch(rest);
+  for (size_t i = 0; i < batch.size(); ++i) carry_out(lock, batch[i], "queued", true);
+  batch.clear();
 }
 
 // For writers and connects that wait for the end of their watch to be deleted. Nobody else is
 // called: an application does not expect a callback while it destroys the event manager.
 void AsyncRegistrar::confirm_ends() {
-  for (const Request& request : unread_requests()) {
-    std::unique_lock<std::mutex> lock(registry);
-    if (is_void(request) || int_word(request.words[0]) != StopAIO) continue;
-    const auto file = static_cast<VrnFile*>(request.words[1]);
-    const auto aio = static_cast<VrnAIO*>(request.words[2]);
-    if (aio->built_in && !aio->list) mgr->tell_cancelled(&lock, file, aio, false, false);
-  }
+  Request first;
+  if (take_piped(&first)) confirm_end(first);
+  take_batch(&backlog);
+  for (size_t i = 0; i < batch.size(); ++i) confirm_end(batch[i]);
+  batch.clear();
 }
 
-// Those that were taken and are not carried out. What the pipe holds is not asked: a process that
-// was forked may have read from it, or written requests there that name objects of its own.
-std::deque<AsyncRegistrar::Request> AsyncRegistrar::unread_requests() {
+void AsyncRegistrar::confirm_end(const Request& request) {
+  std::unique_lock<std::mutex> lock(registry);
+  if (is_void(request) || int_word(request.words[0]) != StopAIO) return;
+  const auto file = static_cast<VrnFile*>(request.words[1]);
+  const auto aio = static_cast<VrnAIO*>(request.words[2]);
+  if (aio->built_in && !aio->list) mgr->tell_cancelled(&lock, file, aio, false, false);
+}
+
+// What the pipe holds is not asked: a process that was forked may have read from it, or written
+// requests there that name objects of its own.
+bool AsyncRegistrar::take_piped(Request* request) {
   VrnMutexGuard guard(mutex.get());
-  std::deque<Request> unread(backlog.begin(), backlog.end());
-  if (in_pipe) unread.push_front(piped);
-  in_pipe = false;
-  backlog.clear();
-  return unread;
+  *request = piped;
+  return std::exchange(in_pipe, false);
+}
+
+void AsyncRegistrar::take_batch(std::vector<Request>* from) {
+  VrnMutexGuard guard(mutex.get());
+  batch.swap(*from);
 }
 
 }  // namespace vornfc

@@ -1,11 +1,13 @@
 #include "timeout_alarm.h"
 
+#include "vornfc/exception.h"
+#include "vornfc/utils.h"
+
 #include <sched.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 
 namespace vornfc {
 
@@ -23,7 +25,12 @@ TimeoutAlarm::TimeoutAlarm(unsigned seconds) : limit(seconds), saved_alarm(alarm
   struct sigaction action {};
   action.sa_handler = handle;  // no SA_RESTART: the alarm has to interrupt the call
   sigemptyset(&action.sa_mask);
-  sigaction(SIGALRM, &action, &saved_action);
+  if (sigaction(SIGALRM, &action, &saved_action) == -1) {
+    const int reason = errno;
+    active = false;
+    alarm(saved_alarm);
+    throw VrnException(2, "Failed to set the action of SIGALRM (errno=%d)", reason);
+  }
   arm();
 }
 
@@ -31,7 +38,9 @@ TimeoutAlarm::~TimeoutAlarm() {
   const int saved_errno = errno;
   alarm(0);
   take_back();
-  sigaction(SIGALRM, &saved_action, nullptr);
+  if (sigaction(SIGALRM, &saved_action, nullptr) == -1) {
+    vrnlog(1, "Failed to restore the action of SIGALRM (errno=%d)", errno);
+  }
   alarm(saved_alarm);
   errno = saved_errno;
 }
@@ -59,18 +68,16 @@ void TimeoutAlarm::handle(int signo) {
 }
 
 // Leaves no SIGALRM of this alarm behind: one that were delivered after the previous action is back
-// could end the process.
+// could end the process. To ignore a signal discards those that are pending, on any thread.
 void TimeoutAlarm::take_back() {
-  sigset_t alarm_only, previous;
-  sigemptyset(&alarm_only);
-  sigaddset(&alarm_only, SIGALRM);
-  pthread_sigmask(SIG_BLOCK, &alarm_only, &previous);
   active = false;
   while (handlers != 0) sched_yield();
-  const timespec at_once{};
-  while (sigtimedwait(&alarm_only, nullptr, &at_once) == SIGALRM) {
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  sigemptyset(&ignore.sa_mask);
+  if (sigaction(SIGALRM, &ignore, nullptr) == -1) {
+    vrnlog(1, "Failed to discard SIGALRM (errno=%d)", errno);
   }
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 }  // namespace vornfc

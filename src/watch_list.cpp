@@ -92,7 +92,12 @@ WatchList::Entry WatchList::insert(VrnFile* file, const Request& request) {
   const Lock lock(registry);
   const auto [it, is_new] = files.emplace(file, request);
   if (is_new) {
-    if (ImplFile* const listed = ImplFile::of(file)) listed->listed_by.push_back(owner);
+    try {
+      if (ImplFile* const listed = ImplFile::of(file)) listed->listed_by.push_back(owner);
+    } catch (...) {
+      files.erase(it);
+      throw;
+    }
     return New;
   }
   if (it->second.ending == None) return Present;

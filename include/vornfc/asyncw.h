@@ -52,7 +52,8 @@ class VORNFC_EXPORT VrnAsyncWriter : public VrnAIO {
   int error(bool locked = false) const;
 
   /// Discards what is queued and deletes the writer: at once, or, when it is watching its file and
-  /// this is the dispatcher thread, as soon as that watch has ended. It is not to be used any more.
+  /// this is the dispatcher thread, as soon as that watch has ended. It is not to be used any more,
+  /// unless this throws std::bad_alloc: then nothing has happened.
   void destroy();
 
   void aioReady(VrnFile* file) override;  ///< For the event manager: drains the queue.

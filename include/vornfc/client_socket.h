@@ -62,13 +62,15 @@ class VORNFC_EXPORT VrnClientSocket : public VrnSocket {
   ///
   /// Throws VrnException 3 when the socket has no address, for a `timeout` with a `caller`, and
   /// when there is no event manager to wait with; 6 when a connect is under way or has succeeded at
-  /// once; what VrnFile::setBlockingMode() and VrnEvtMgr::startAIO() throw. After an exception no
+  /// once; 2 when the action of SIGALRM cannot be set for a `timeout`; what
+  /// VrnFile::setBlockingMode() and VrnEvtMgr::startAIO() throw. After an exception no
   /// call follows.
   int connect(VrnSocketsClient* caller, int timeout);
 
   /// Deletes the socket: at once, or, when a connect is under way and this is the dispatcher
   /// thread, as soon as its watch has ended. That connect's socketConnected() is not called. The
-  /// socket is not to be used any more.
+  /// socket is not to be used any more, unless this throws std::bad_alloc: then nothing has
+  /// happened.
   void destroy();
 
  private:

@@ -13,7 +13,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -273,18 +272,24 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   };
 
   bool is_open() const;
-  bool accept(const Request& request);
+  bool accept(const Request& request, int* failure);
   ssize_t read_records(Request* records, size_t size);
-  void take_from_pipe(const Request& request);
+  bool carry_out_piped(const Request& record);
+  static bool is_voided(const Request& request);
   bool is_void(const Request& request);
   bool carry_out(std::unique_lock<std::mutex>* lock, Request request, const char* what,
                  bool stops_only);
   bool carry_out_batches();
   int process(std::unique_lock<std::mutex>* lock, void** record);
   void refuse(std::unique_lock<std::mutex>* lock, void** record);
-  std::deque<Request> unread_requests();
+  void carry_out_rest(std::unique_lock<std::mutex>* lock, std::vector<Request>* rest);
+  void void_each(const void* object, const void* second);
   void confirm_ends();
+  void confirm_end(const Request& request);
+  bool take_piped(Request* request);
+  void take_batch(std::vector<Request>* from);
   void close_write_end();
+  void shut_write_end();
   bool write_record(const Request& request) const;
 
   VrnEvtMgrNative* const mgr;
@@ -297,7 +302,7 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
   bool carrying_out = false;
   bool stopped = false;
   std::vector<Request> backlog;  // requests behind the one in the pipe
-  std::deque<Request> queue;     // stops that came after the pipe was closed
+  std::vector<Request> queue;    // stops that came after the pipe was closed
 
   // The dispatcher thread's own.
   std::vector<Request> batch;  // those that are being carried out

@@ -52,7 +52,8 @@ class VORNFC_EXPORT VrnFile {
   /// A time-out uses the process's alarm and SIGALRM action: one timed transfer at a time in the
   /// process, on a thread that does not block SIGALRM; other threads may run. An alarm that was
   /// pending is set again with its remaining seconds, but is lost when the transfer times out.
-  /// Throws VrnException 3 when `len` is negative, or `buf` null with `len` above 0.
+  /// Throws VrnException 3 when `len` is negative, or `buf` null with `len` above 0; 2 when the
+  /// action of SIGALRM cannot be set for a time-out.
   static int bread(int fd, void* buf, int len, bool noWait, int timeout, bool* eof);
 
   /// Writes exactly `len` bytes; as bread() without `noWait` and `eof`.
