@@ -13,8 +13,8 @@ namespace vornfc {
 
 namespace {
 
-constexpr long DefaultMostPolled = 32;
-constexpr unsigned IdleTurns = 16;        // before a descriptor is handed to the queue
+constexpr long DefaultMostPolled = 64;
+constexpr unsigned IdleTurns = 8;         // before a descriptor is handed to the queue
 constexpr unsigned HotTurns = 64;         // in a row with an event before it goes back to poll()
 constexpr unsigned TurnsWithoutTry = 16;  // after the queue was asked first in vain
 constexpr unsigned TurnsPerCheck =
@@ -63,6 +63,7 @@ void ReadyWait::assign(const std::vector<pollfd>& entries, const std::vector<uns
     if (slot.serial != serials[i]) {
       slot = Slot();
       slot.serial = serials[i];
+      slot.last_turn = turn;
     }
     slot.position = i;
   }
@@ -150,7 +151,10 @@ void ReadyWait::collect() {
     add_ready(i, checked[i].revents);
     slot.hot = HotTurns;
   }
-  std::sort(ready_positions.begin(), ready_positions.end());
+  // As a rule they are in order already.
+  if (!std::is_sorted(ready_positions.begin(), ready_positions.end())) {
+    std::sort(ready_positions.begin(), ready_positions.end());
+  }
 }
 
 void ReadyWait::add_ready(size_t position, short events) {
@@ -173,23 +177,30 @@ void ReadyWait::settle() {
   if (stale) close_queue();
   for (const size_t position : ready_positions) {
     Slot& slot = slots[static_cast<size_t>(table[position].fd)];
+    slot.last_turn = turn;
     if (slot.queued && slot.hot >= HotTurns) dequeue(table[position].fd, &slot);
   }
-  bool changed = false;
-  for (const size_t position : busy_positions) {
-    const pollfd& entry = table[position];
-    Slot& slot = slots[static_cast<size_t>(entry.fd)];
-    if (entry.revents != 0) {
-      slot.idle = 0;
-    } else if (!slot.refused && ++slot.idle >= idle_turns && table.size() > most_polled) {
-      changed = enqueue(entry.fd, entry.events, &slot) || changed;
-    }
-  }
+  // Not in every turn: to look at each of many busy descriptors costs more than to find it out late.
+  const bool due = table.size() > most_polled && turn - last_look >= idle_turns;
+  const bool changed = due && enqueue_idle();
   if (changed || busy.size() + queued_count != table.size()) list_busy();
 }
 
+// True: some were handed over.
+bool ReadyWait::enqueue_idle() {
+  last_look = turn;
+  bool any = false;
+  for (const size_t position : busy_positions) {
+    const pollfd& entry = table[position];
+    Slot& slot = slots[static_cast<size_t>(entry.fd)];
+    if (slot.queued || slot.refused || turn - slot.last_turn < idle_turns) continue;
+    any = enqueue(entry.fd, entry.events, &slot) || any;
+  }
+  return any;
+}
+
 bool ReadyWait::enqueue(int fd, short events, Slot* slot) {
-  slot->idle = 0;
+  slot->last_turn = turn;  // the next try, if this one fails, is some turns off
   if (queue == -1) queue = epoll_create1(EPOLL_CLOEXEC);
   if (queue == -1) return false;
   epoll_event event{};
@@ -211,7 +222,7 @@ void ReadyWait::dequeue(int fd, Slot* slot) {
   epoll_event event{};
   if (epoll_ctl(queue, EPOLL_CTL_DEL, fd, &event) == -1) stale = true;
   slot->queued = false;
-  slot->hot = slot->idle = 0;
+  slot->hot = 0;
   --queued_count;
 }
 

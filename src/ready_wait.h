@@ -20,7 +20,7 @@ namespace vornfc {
 // given to another file, while it is watched: so all of the table is polled once a second too.
 //
 // Settings from the environment: VORN_EM_POLLONLY "y": plain poll() always; VORN_EM_POLLMAX: up to
-// this many descriptors plain poll() is used (32; no number counts as 0, the queue takes all).
+// this many descriptors plain poll() is used (64; no number counts as 0, the queue takes all).
 //
 // Threads: the event manager calls poll() on the dispatcher thread, and everything else with its
 // registry lock held. Another thread only calls forget(), which touches nothing that poll() does.
@@ -58,9 +58,8 @@ class ReadyWait {
     bool queued = false;
     bool refused = false;    // the queue does not take it
     short events = 0;        // that it is queued for
-    unsigned char idle = 0;  // turns among the busy without an event
     unsigned char hot = 0;   // turns in a row with an event from the queue
-    unsigned last_turn = 0;  // the last of them
+    unsigned last_turn = 0;  // with an event, at first that in which the number became known
     size_t position = 0;     // in the table
   };
 
@@ -71,6 +70,7 @@ class ReadyWait {
   void add_ready(size_t position, short events);
   void add_reported(const epoll_event& report);
   void list_busy();
+  bool enqueue_idle();
   bool enqueue(int fd, short events, Slot* slot);
   void dequeue(int fd, Slot* slot);
   void close_queue();
@@ -91,6 +91,7 @@ class ReadyWait {
   size_t queued_count = 0;
   bool stale = false;  // a file could not be taken out of the queue: its number is not its any more
   unsigned turn = 0;
+  unsigned last_look = 0;  // the turn of the last look at how long the busy have been idle
   unsigned next_try = 0;  // the turn from which on the queue is asked first
   long last_check = 0;    // milliseconds
 };

@@ -34,7 +34,7 @@ class TimerQueue;
 ///   VORN_EM_POLLONLY    "y": poll() looks at every descriptor; otherwise, where there are many,
 ///   those
 ///                       that stay idle wait in a queue of the kernel's
-///   VORN_EM_POLLMAX     up to this many descriptors poll() looks at each in any case (32)
+///   VORN_EM_POLLMAX     up to this many descriptors poll() looks at each in any case (64)
 /// (VORN_EM_ARMODE is accepted and changes nothing: requests always go through the registrar.)
 ///
 /// The sync operations are the direct forms behind starts and stops. They may be called from any
