@@ -1,5 +1,6 @@
 #include "vornfc/server_socket.h"
 
+#include "support/daemon.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
 #include "vornfc/exception.h"
@@ -140,7 +141,7 @@ TEST_F(ServerSocketTest, DatagramServerDoesNotListenButSaysSo) {
 }
 
 TEST_F(ServerSocketTest, ActivateTwiceFailsToBind) {
-  VrnServerSocket twice("127.0.0.1", std::to_string(40000 + getpid() % 9000).c_str(), true);
+  VrnServerSocket twice("127.0.0.1", std::to_string(free_port()).c_str(), true);
   twice.activate();
   EXPECT_EQ(failure_of([&] { twice.activate(); }),
             Failure(12, std::string("Failed to bind socket ") + twice.name()));
