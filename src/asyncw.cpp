@@ -59,6 +59,7 @@ struct ImplAsyW {
   void watch();
   void end_watch();
   bool stopAIO();
+  void note_thrown_watch();
 
   VrnAsyncWriter* const owner;
   VrnFile* const file;
@@ -138,12 +139,22 @@ void ImplAsyW::end_watch() {
   state = !evtmgr || evtmgr->stopAIO(file, owner) ? Unwatched : Stopping;
 }
 
+// Where an override of aioReady() threw, the event manager has ended the watch without a further
+// call and closed the descriptor: the writer has failed.
+void ImplAsyW::note_thrown_watch() {
+  if (state == Unwatched || !ImplFile::of(file)->closed) return;
+  state = Unwatched;
+  error = Dropped;
+  freeq();
+}
+
 // True: the file is not watched. While the queue is empty, a drain's stop may be under way: the
 // event manager forgets it with the writer.
 bool ImplAsyW::stopAIO() {
   const bool was_empty = queue.empty();
   freeq();
   if (was_empty) return true;
+  note_thrown_watch();
   if (state != Unwatched) end_watch();
   return state == Unwatched;
 }
@@ -172,6 +183,7 @@ VrnAsyncWriter::~VrnAsyncWriter() {
 
 int VrnAsyncWriter::awrite(const void* buf, int len) {
   VrnMutexGuard guard(mutex.get());
+  impl->note_thrown_watch();
   if (impl->error != 0) return impl->error;
   if (len < 0 || (!buf && len != 0)) {
     throw VrnException(3, "AsyncWriter: Bad buffer for %s (len=%d)", tag.c_str(), len);
@@ -196,16 +208,19 @@ VrnFile* VrnAsyncWriter::aioFile() const {
 
 int VrnAsyncWriter::queuedBytes(bool locked) const {
   VrnMutexGuard guard(locked ? nullptr : mutex.get());
+  impl->note_thrown_watch();
   return at_most_int_max(impl->queuedBytes);
 }
 
 int VrnAsyncWriter::queuedMsgs(bool locked) const {
   VrnMutexGuard guard(locked ? nullptr : mutex.get());
+  impl->note_thrown_watch();
   return at_most_int_max(impl->queue.size());
 }
 
 int VrnAsyncWriter::error(bool) const {
   VrnMutexGuard guard(mutex.get());
+  impl->note_thrown_watch();
   return impl->error;
 }
 

@@ -1063,6 +1063,37 @@ TEST_F(AsyncWriterTest, WriterWhoseStartIsQueuedIsToldWhenAnotherWatcherOfItsFil
   EXPECT_EQ(writer.queuedMsgs(), 0);
 }
 
+// The drain itself was in order, so nothing but the closed descriptor tells the writer.
+TEST_F(AsyncWriterTest, WriterWhoseOverrideThrowsHasFailed) {
+  Writer writer(channel.file.get());
+  writer.after_ready = [] { throw std::string("bad"); };
+  channel.fill();
+  loop.on_dispatcher([&] { send(&writer, "lost"); });
+  loop.on_dispatcher([&] { channel.received(); });
+  loop.when([&] { return log.contains("EvtMgr: IO task threw [string=bad]"); }, [] {});
+  loop.run_calls();
+  EXPECT_EQ(writer.awrite("x", 1), Dropped);
+  EXPECT_EQ(writer.error(), Dropped);
+  EXPECT_EQ(writer.queuedBytes(), 0);
+  EXPECT_EQ(writer.queuedMsgs(), 0);
+}
+
+// The same over bytes that are still queued: the writer can be deleted, no stop is owed.
+TEST_F(AsyncWriterTest, WriterWhoseOverrideThrowsOverQueuedBytesHasFailed) {
+  Writer writer(channel.file.get());
+  writer.after_ready = [] { throw std::string("bad"); };
+  channel.fill();
+  loop.on_dispatcher([&] { send(&writer, "lost"); });
+  loop.on_dispatcher([&] {
+    channel.received();
+    answer({takes(1), fails(EAGAIN)});
+  });
+  loop.when([&] { return log.contains("EvtMgr: IO task threw [string=bad]"); }, [] {});
+  loop.run_calls();
+  EXPECT_EQ(writer.queuedMsgs(), 0);
+  EXPECT_EQ(writer.error(), Dropped);
+}
+
 // Level 4 is not shown unless it was asked for.
 TEST(AsyncWriterLevelTest, FailureIsADetail) {
   unsetenv("VORNTRC_APPTAG");
