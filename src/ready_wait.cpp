@@ -15,6 +15,7 @@ namespace {
 
 constexpr long DefaultMostPolled = 64;
 constexpr unsigned IdleTurns = 8;         // before a descriptor is handed to the queue
+constexpr size_t ManyReady = 32;          // in one turn: nothing is handed over
 constexpr unsigned HotTurns = 64;         // in a row with an event before it goes back to poll()
 constexpr unsigned TurnsWithoutTry = 16;  // after the queue was asked first in vain
 constexpr unsigned TurnsPerCheck =
@@ -180,8 +181,10 @@ void ReadyWait::settle() {
     slot.last_turn = turn;
     if (slot.queued && slot.hot >= HotTurns) dequeue(table[position].fd, &slot);
   }
-  // Not in every turn: to look at each of many busy descriptors costs more than to find it out late.
-  const bool due = table.size() > most_polled && turn - last_look >= idle_turns;
+  // Not in every turn: to look at each of many busy descriptors costs more than to find it out
+  // late. And not while many are ready at once, of whom poll() tells for less than the queue does.
+  const bool due = table.size() > most_polled && turn - last_look >= idle_turns &&
+                   ready_positions.size() <= ManyReady;
   const bool changed = due && enqueue_idle();
   if (changed || busy.size() + queued_count != table.size()) list_busy();
 }

@@ -92,8 +92,8 @@ class ReadyWait {
   bool stale = false;  // a file could not be taken out of the queue: its number is not its any more
   unsigned turn = 0;
   unsigned last_look = 0;  // the turn of the last look at how long the busy have been idle
-  unsigned next_try = 0;  // the turn from which on the queue is asked first
-  long last_check = 0;    // milliseconds
+  unsigned next_try = 0;   // the turn from which on the queue is asked first
+  long last_check = 0;     // milliseconds
 };
 
 }  // namespace vornfc
