@@ -151,7 +151,9 @@ void VrnEvtMgrNative::syncstopDispatcher() {
 }
 
 // One turn: signals, timers, descriptors. Application code runs in every step and may change any
-// registration or stop the loop, so each step looks at the containers afresh.
+// registration or stop the loop, so each step looks at the containers afresh. The registry lock is
+// handed from step to step, and is free during the wait and during each callback: to take it for
+// every step by itself would cost as much as all that the loop does for an event.
 void VrnEvtMgrNative::dispatcher() {
   {
     const Sizes size = sizes();
@@ -160,23 +162,25 @@ void VrnEvtMgrNative::dispatcher() {
   }
   registrar->start();
   if (dead) return;
+  Lock lock(registry);
   for (;;) {
-    deliver_signals();
-    const int timeout = fire_due_timers();  // ms until the next one; -1: no timer left
+    deliver_signals(&lock);
+    const int timeout = fire_due_timers(&lock);  // ms until the next one; -1: no timer left
     if (dead) return;
-    if (timeout == -1 && nothing_watched()) {
+    if (timeout == -1 && pollfds.empty()) {
+      lock.unlock();
       vrnlog(4, "EvtMgr has run out of events - aborting");
       return;
     }
     if (sig_ready) continue;  // arrived during the timers: deliver before sleeping
-    deliver_ready(wait_for_events(timeout));
+    const int ready = wait_for_events(&lock, timeout);
+    deliver_ready(&lock, ready);
     if (dead) return;
   }
 }
 
 // All that are due fire against the same time of day, and up to a precision unit early.
-int VrnEvtMgrNative::fire_due_timers() {
-  Lock lock(registry);
+int VrnEvtMgrNative::fire_due_timers(Lock* lock) {
   if (timers->empty()) return -1;
   timeval now;
   gettimeofday(&now, nullptr);
@@ -186,7 +190,7 @@ int VrnEvtMgrNative::fire_due_timers() {
     if (left > 0) return left;
     unqueue(timer);
     const unsigned start = timer->impl->starts;
-    const Callback callback(this, &lock, timer);
+    const Callback callback(this, lock, timer);
     try {
       timer->trigger(now, start);
     } catch (...) {
@@ -199,25 +203,25 @@ int VrnEvtMgrNative::fire_due_timers() {
 
 // Returns the number of descriptors that have returned events. Other threads may change pollfds
 // during the wait, so poll() works on a copy.
-int VrnEvtMgrNative::wait_for_events(int timeout) {
-  {
-    const Lock lock(registry);
-    if (pollfds_changed) {
-      serials.clear();
-      for (const pollfd& entry : pollfds) {
-        serials.push_back(iofiles[static_cast<size_t>(entry.fd)].serial);
-      }
-      ready_wait->assign(pollfds, serials);
-      pollfds_changed = false;
+int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
+  if (pollfds_changed) {
+    serials.clear();
+    for (const pollfd& entry : pollfds) {
+      serials.push_back(iofiles[static_cast<size_t>(entry.fd)].serial);
     }
+    ready_wait->assign(pollfds, serials);
+    pollfds_changed = false;
   }
-  if (!ready_wait->poll(timeout)) {
-    if (errno != EINTR)
-      throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
+  lock->unlock();
+  const bool waited = ready_wait->poll(timeout);
+  if (!waited && errno != EINTR) {
+    throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
+  }
+  lock->lock();
+  if (!waited) {
     errno = 0;
     return 0;
   }
-  const Lock lock(registry);
   ready_wait->collect();
   walked = next_of_ready = 0;
   int ready = count(ready_wait->ready());
@@ -243,21 +247,20 @@ int VrnEvtMgrNative::wait_for_events(int timeout) {
 
 // The walk goes by position, and reads the entry count again after every callback. An entry that a
 // callback moves into a position already passed waits for the next turn.
-void VrnEvtMgrNative::deliver_ready(int ready) {
-  Lock lock(registry);
+void VrnEvtMgrNative::deliver_ready(Lock* lock, int ready) {
   for (; ready > 0; ++walked, --ready) {
     pollfd entry;
     iofile_t record;
     if (!next_ready(&entry, &record)) break;
     curaio = nullptr;
     try {
-      handle_ready(&lock, &entry, &record);
+      handle_ready(lock, &entry, &record);
     } catch (...) {
       if (throwtasks || !curaio) throw;
-      lock.unlock();
+      lock->unlock();
       vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
       end_thrown_watch(entry.fd, record.serial);
-      lock.lock();
+      lock->lock();
     }
   }
   walking = false;
@@ -380,11 +383,6 @@ VrnEvtMgrNative::Sizes VrnEvtMgrNative::sizes() const {
   const Lock lock(registry);
   return {count(*timers), count(pollfds), static_cast<int>(pollfds.capacity()), count(iofiles),
           static_cast<int>(iofiles.capacity())};
-}
-
-bool VrnEvtMgrNative::nothing_watched() const {
-  const Lock lock(registry);
-  return pollfds.empty();
 }
 
 // A wake that was sent and not read yet ends the next wait too.

@@ -109,15 +109,14 @@ void VrnEvtMgrNative::sigResponse(bool received, VrnSignalHandler* handler, int 
 }
 
 // The flag is cleared before the scan, so a signal that arrives during it is seen at the next turn.
-void VrnEvtMgrNative::deliver_signals() {
+void VrnEvtMgrNative::deliver_signals(Lock* lock) {
   if (!sig_ready.exchange(0)) return;
   for (int signo = 0; signo < DeliveredSignals; ++signo) {
     if (!sig_pending[static_cast<size_t>(signo)].exchange(0)) continue;
-    Lock lock(registry);
     const auto it = sighandlers.find(signo);
     if (it == sighandlers.end()) continue;  // its handler was removed meanwhile
     VrnSignalHandler* const handler = it->second;
-    const Callback callback(this, &lock, handler);
+    const Callback callback(this, lock, handler);
     sigResponse(true, handler, signo);
   }
 }

@@ -122,10 +122,10 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
     Callback* const outer;
   };
 
-  void deliver_signals();
-  int fire_due_timers();
-  int wait_for_events(int timeout);
-  void deliver_ready(int count);
+  void deliver_signals(Lock* lock);
+  int fire_due_timers(Lock* lock);
+  int wait_for_events(Lock* lock, int timeout);
+  void deliver_ready(Lock* lock, int count);
   bool next_ready(pollfd* entry, iofile_t* record);
   void handle_ready(Lock* lock, pollfd* entry, iofile_t* record);
   void call_ready(Lock* lock, int fd, unsigned serial, size_t slot);
@@ -140,7 +140,6 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
     int timers, pollfds, pollfds_capacity, iofiles, iofiles_capacity;
   };
   Sizes sizes() const;
-  bool nothing_watched() const;
   bool on_owner_thread() const { return pthread_equal(pthread_self(), owner) != 0; }
   bool on_loop_thread() const { return pthread_equal(pthread_self(), loop_thread) != 0; }
 
