@@ -960,8 +960,12 @@ TEST_F(AsyncReaderTest, TerminateAfterTheLoopIsDoneAtOnce) {
   EXPECT_TRUE(reader.removed.empty());
 }
 
-// The callback here lasts longer than the stop may wait for it.
-TEST_F(AsyncReaderTest, StopElsewhereWaitsForARunningCallbackAWhile) {
+// The callback here lasts longer than a stop may wait for it.
+class StopElsewhereTest : public AsyncReaderTest,
+                          public testing::WithParamInterface<bool (*)(VrnAsyncReader*, VrnFile*)> {
+};
+
+TEST_P(StopElsewhereTest, WaitsForARunningCallbackAWhile) {
   RecordingReader reader;
   std::atomic<bool> in_callback{false};
   std::atomic<bool> returned{false};
@@ -975,7 +979,7 @@ TEST_F(AsyncReaderTest, StopElsewhereWaitsForARunningCallbackAWhile) {
   std::thread stopper([&] {
     EXPECT_TRUE(wait_for([&] { return in_callback.load(); }));
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(reader.aioStop(file));
+    EXPECT_TRUE(GetParam()(&reader, file));
     waited = std::chrono::steady_clock::now() - start;
     returned = true;
   });
@@ -983,6 +987,12 @@ TEST_F(AsyncReaderTest, StopElsewhereWaitsForARunningCallbackAWhile) {
   stopper.join();
   EXPECT_GE(waited, std::chrono::milliseconds(90));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, StopElsewhereTest,
+    testing::Values([](VrnAsyncReader* reader, VrnFile* file) { return reader->aioStop(file); },
+                    [](VrnAsyncReader* reader, VrnFile*) { return reader->aioTerminate() == 0; }),
+    [](const auto& which) { return which.index == 0 ? "AStop" : "ATermination"; });
 
 // ---- starts that are refused ----
 

@@ -597,6 +597,21 @@ TEST_F(ThreadsTest, NoLockOfTheManagerIsHeldInACallback) {
   });
 }
 
+// A loop that sleeps over a descriptor whose watch is ended by force takes notice.
+TEST_F(ThreadsTest, ForcedEndOfAWatchWakesTheLoop) {
+  Connection connection;
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  const auto native = dynamic_cast<VrnEvtMgrNative*>(mgr);
+  ASSERT_NE(native, nullptr);
+  run_while([&] {
+    EXPECT_TRUE(mgr->startAIO(&connection.file, &reader));
+    let_it_sleep();
+    const int before = polls;
+    native->syncstopAIO(&connection.file, &reader, false, false, false);
+    EXPECT_TRUE(wait_for([&] { return polls > before; }));
+  });
+}
+
 // ---- many threads ----
 
 // What poll() waits for: the registrar's pipe, and what was asked for.

@@ -51,9 +51,11 @@ class VORNFC_EXPORT VrnAppShell {
   void appTerminate();  ///< Ends the run, or the start sequence at its next check. Any thread.
 
   /// Detaches the process and makes SIGUSR1 reconfigure and SIGTERM terminate it; SIGINT, SIGHUP,
-  /// SIGPIPE and SIGUSR2 are ignored. `workdir` null or empty: VORN_WORKDIR, or "/tmp". Does
-  /// nothing before the event manager exists, or the second time. Before any thread is started.
-  /// Throws VrnException 2 when a step fails; the starting process has then left with status 0.
+  /// SIGPIPE and SIGUSR2 are ignored. SIGUSR1 and SIGTERM are taken over by the first turn of the
+  /// event loop: sent before, they end the process. `workdir` null or empty: VORN_WORKDIR, or
+  /// "/tmp". Does nothing before the event manager exists, or the second time. Before any thread is
+  /// started. Throws VrnException 2 when a step fails; the starting process has then left with
+  /// status 0.
   void appDaemonise(const char* workdir);
 
   /// Sets the option letters (as for getopt, "vx:") and the text that describes the parameters.

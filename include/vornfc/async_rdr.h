@@ -59,7 +59,8 @@ class VORNFC_EXPORT VrnAsyncReader : public VrnAIO {
   /// `locked`.
   bool aioStop(VrnFile* file, bool locked = false);
 
-  /// Stops watching every file. Returns the number of those whose stop is under way.
+  /// Stops watching every file. Returns the number of those whose stop is under way; with none,
+  /// waits for a running callback as aioStop() does.
   int aioTerminate(bool locked = false);
 
   /// For the event manager: one read().

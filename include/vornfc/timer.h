@@ -35,8 +35,9 @@ class VORNFC_EXPORT VrnTimer {
 
   /// Sets the expiry to the present plus `sec` seconds and `usec` microseconds; it then repeats
   /// every `isec` seconds and `iusec` microseconds, counted from the turn that fired it, or not at
-  /// all when both are 0. A timer that is set already is set anew. Throws VrnException 3 when there
-  /// is no event manager.
+  /// all when both are 0. A timer that is set already is set anew. It may fire up to a millisecond
+  /// (see VORN_EM_TIMERPREC) early; with an interval of a millisecond or less it fires in every
+  /// turn, and keeps a processor busy. Throws VrnException 3 when there is no event manager.
   void startTimer(int sec, int usec, int isec, int iusec, bool locked = false);
 
   /// As startTimer(), with the expiry as time of day.
