@@ -93,7 +93,7 @@ VrnSignalHandler* VrnEvtMgrNative::change_signal(Lock* lock, bool start, bool no
 }
 
 void VrnEvtMgrNative::sigResponse(bool received, VrnSignalHandler* handler, int signo) {
-  VrnAssertFull(handler != nullptr, "EvtMgr: Null handler for Signal=%d", signo);
+  if (!handler) throw VrnException(3, "EvtMgr: Null handler for Signal=%d", signo);
   try {
     if (received) {
       vrnlog(4, "EvtMgr: Received signal=%d - delivering to %s", signo, handler->sigtag());

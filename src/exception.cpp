@@ -66,6 +66,7 @@ int VrnException::syserr() const {
 
 std::string VrnException::handler() try {
   try {
+    // cppcheck-suppress rethrowNoCurrentException  // called from handlers of exceptions only
     throw;
   } catch (VrnException& e) {
     return describe(e);

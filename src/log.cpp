@@ -131,18 +131,6 @@ class ErrnoKeeper {
   const int value = errno;
 };
 
-// Ends the use of a list of arguments at the end of a scope.
-class ArgumentList {
- public:
-  explicit ArgumentList(va_list& arguments) : list(arguments) {}
-  ArgumentList(const ArgumentList&) = delete;
-  ArgumentList& operator=(const ArgumentList&) = delete;
-  ~ArgumentList() { va_end(list); }
-
- private:
-  va_list& list;
-};
-
 // Holds the lock of a stream to the end of a scope; null: does nothing.
 class StreamGuard {
  public:
@@ -490,18 +478,26 @@ void VrnLog::log(int lvl, const char* fmt, ...) {
   if (lvl > threshold) return;
   va_list ap;
   va_start(ap, fmt);
-  const ArgumentList end(ap);
-  log(ap, lvl, fmt);
-  // cppcheck-suppress va_end_missing  // `end` does it, after an exception too
+  try {
+    log(ap, lvl, fmt);
+  } catch (...) {
+    va_end(ap);
+    throw;
+  }
+  va_end(ap);
 }
 
 // What log() is where its short form has looked at the level.
 void VrnLog::record(int lvl, const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
-  const ArgumentList end(ap);
-  log(ap, lvl, fmt);
-  // cppcheck-suppress va_end_missing  // `end` does it, after an exception too
+  try {
+    log(ap, lvl, fmt);
+  } catch (...) {
+    va_end(ap);
+    throw;
+  }
+  va_end(ap);
 }
 
 // What does not depend on the time is put together ahead of the lock. The time is taken under the
