@@ -44,6 +44,7 @@ VrnAsyncReceiver::~VrnAsyncReceiver() {
     vrnlog(1, "VrnAsyncRcvr destroyed while active - ABORT APP !");
     exit(1);
   }
+  VrnEvtMgrNative::forget(this);  // before the list of files: another thread may be in a callback
 }
 
 void VrnAsyncReceiver::aioStart(VrnFile* file, bool locked) {

@@ -48,6 +48,7 @@ VrnAsyncReader::~VrnAsyncReader() {
     vrnlog(1, "VrnAsyncRdr destroyed while active - ABORT APP !");
     exit(1);
   }
+  VrnEvtMgrNative::forget(this);  // before the list of files: another thread may be in a callback
 }
 
 void VrnAsyncReader::aioRequest(VrnFile* file, int bytes, char* buf, bool locked) {

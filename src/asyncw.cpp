@@ -151,11 +151,10 @@ void ImplAsyW::note_thrown_watch() {
 // True: the file is not watched. While the queue is empty, a drain's stop may be under way: the
 // event manager forgets it with the writer.
 bool ImplAsyW::stopAIO() {
-  const bool was_empty = queue.empty();
-  freeq();
-  if (was_empty) return true;
+  if (queue.empty()) return true;
   note_thrown_watch();
-  if (state != Unwatched) end_watch();
+  if (state != Unwatched) end_watch();  // may throw, and then nothing has happened
+  freeq();
   return state == Unwatched;
 }
 

@@ -260,8 +260,10 @@ void VrnEvtMgrNative::deliver_ready(Lock* lock, int ready) {
       lock->unlock();
       vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
       end_thrown_watch(entry.fd, record.serial);
-      lock->lock();
     }
+    // Not in the handler: the exception ends with it, and may own objects that take the lock to
+    // end.
+    if (!lock->owns_lock()) lock->lock();
   }
   walking = false;
 }
@@ -484,6 +486,7 @@ void VrnEvtMgrNative::forget(VrnFile* file) {
   if (!end_callbacks(&lock, file)) return;
   wait(&lock, [&] { return file->impl->stopping == 0; });
   if (!native_manager) return;
+  drop_listings(file);  // again: a callback that ran until now may have listed it anew
   if (file->impl->requested) native_manager->registrar->voidRequests(file);
   if (native_manager->unregister(file)) native_manager->wake();
 }
@@ -508,11 +511,16 @@ void VrnEvtMgrNative::forked() {
   if (!native_manager) return;
   native_manager->before_change();
   native_manager->ready_wait->forked();
+  native_manager->wake_sent = false;  // the record may be the parent's to read
 }
 
 VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_lock,
                                     const void* object, const void* second)
-    : mgr(manager), lock(registry_lock), objects{object, second}, outer(manager->callbacks) {
+    : mgr(manager),
+      lock(registry_lock),
+      objects{object, second},
+      thread(pthread_self()),
+      outer(manager->callbacks) {
   mgr->callbacks = this;
   callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) + 1,
                           std::memory_order_relaxed);
@@ -521,7 +529,10 @@ VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_loc
 
 VrnEvtMgrNative::Callback::~Callback() {
   lock->lock();
-  mgr->callbacks = outer;
+  // The first, but for a callback that an operation on another thread makes meanwhile.
+  Callback** link = &mgr->callbacks;
+  while (*link != this) link = &(*link)->outer;
+  *link = outer;
   callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) - 1,
                           std::memory_order_release);
   notify_waiting();
@@ -538,13 +549,14 @@ bool VrnEvtMgrNative::in_callback(const void* object) const {
 // a callback of an object that is gone could not be taken back.
 bool VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
   if (!native_manager) return false;
-  if (native_manager->on_loop_thread()) {
-    for (Callback* callback = native_manager->callbacks; callback; callback = callback->outer) {
-      for (const void*& held : callback->objects) {
-        if (held == object) held = nullptr;
-      }
+  const bool on_loop = native_manager->on_loop_thread();
+  for (Callback* callback = native_manager->callbacks; callback; callback = callback->outer) {
+    if (!on_loop && !pthread_equal(callback->thread, pthread_self())) continue;
+    for (const void*& held : callback->objects) {
+      if (held == object) held = nullptr;
     }
-  } else {
+  }
+  if (!on_loop) {
     wait(lock, [&] { return !native_manager || !native_manager->in_callback(object); });
   }
   return native_manager != nullptr;

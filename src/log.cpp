@@ -280,8 +280,8 @@ class Record {
 
 }  // namespace
 
-// The state behind a log. `mutex` guards flog, cyclestamp, torn and the record; nothing else but
-// the level changes after the construction.
+// The state behind a log. `mutex` guards flog, cyclestamp, torn and the record; nothing else
+// changes after the construction.
 struct ImplLog {
   ImplLog(std::FILE* stream, bool owns, int frequency, const char* format, int precision);
   ~ImplLog() { close_file(); }

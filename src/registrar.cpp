@@ -134,7 +134,10 @@ bool AsyncRegistrar::submit(int type, int nargs, ...) {
     accepted = accept(request, &failure) || (!is_start(type) && !stopped);
     if (accepted) taken.store(taken.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   }
-  if (failure != 0) vrnlog(1, "AsyncRegistrar: Failed to write a request (errno=%d)", failure);
+  if (failure != 0) {
+    vrnlog(1, "AsyncRegistrar: Failed to write a request (errno=%d)", failure);
+    mgr->syncstopDispatcher();
+  }
   return accepted;
 }
 
@@ -156,8 +159,7 @@ bool AsyncRegistrar::accept(const Request& request, int* failure) {
       backlog.push_back(request);
       return true;
     }
-    // Without its pipe the loop would miss every request from here on, so it ends, in the way that
-    // it always does: at the end of the pipe.
+    // Without its pipe the loop would miss every request from here on, so it ends.
     *failure = errno;
     shut_write_end();
   }

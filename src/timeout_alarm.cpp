@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
 
 namespace vornfc {
 
@@ -68,16 +69,19 @@ void TimeoutAlarm::handle(int signo) {
 }
 
 // Leaves no SIGALRM of this alarm behind: one that were delivered after the previous action is back
-// could end the process. To ignore a signal discards those that are pending, on any thread.
+// could end the process. What is pending for this thread alone has been handled by now; what is
+// pending for the process is taken here, blocked or not.
 void TimeoutAlarm::take_back() {
   active = false;
   while (handlers != 0) sched_yield();
-  struct sigaction ignore {};
-  ignore.sa_handler = SIG_IGN;
-  sigemptyset(&ignore.sa_mask);
-  if (sigaction(SIGALRM, &ignore, nullptr) == -1) {
-    vrnlog(1, "Failed to discard SIGALRM (errno=%d)", errno);
-  }
+  sigset_t alarm_only;
+  sigemptyset(&alarm_only);
+  sigaddset(&alarm_only, SIGALRM);
+  const timespec at_once{};
+  int taken;
+  do {
+    taken = sigtimedwait(&alarm_only, nullptr, &at_once);
+  } while (taken == SIGALRM || (taken == -1 && errno == EINTR));
 }
 
 }  // namespace vornfc

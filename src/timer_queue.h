@@ -10,9 +10,9 @@ namespace vornfc {
 struct ImplTimer;
 
 // Timers with an equal expiry leave in the order in which they came. A heap of four children a
-// node, whose entries hold the key: an insertion or removal touches one or two cache lines a level,
-// and a queue that has been as long before allocates nothing. Each timer knows its position, so one
-// among many is found at once.
+// node, whose entries hold the key: an insertion or removal touches a few cache lines a level, one
+// of them in the timer that moves, and a queue that has been as long before allocates nothing. Each
+// timer knows its position, so one among many is found at once.
 class TimerQueue {
  public:
   void insert(ImplTimer* timer);

@@ -16,12 +16,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -131,6 +133,54 @@ TEST_F(CostTest, AnEchoedMessageIsThreeCallsAndNoAllocation) {
   EXPECT_EQ(writes, Counted);
   EXPECT_EQ(others, 0);
   EXPECT_EQ(allocated, 0);
+}
+
+// Passes a byte on to itself, so that it is always ready.
+struct Passer : VrnAsyncReceiver {
+  Passer(CostTest* cost_test, int write_end)
+      : VrnAsyncReceiver("passer"), test(cost_test), fd(write_end) {}
+  void aioReady(VrnFile* file) override {
+    char byte;
+    EXPECT_EQ(read(file->fd, &byte, 1), 1);
+    EXPECT_EQ(write(fd, &byte, 1), 1);
+    test->step();
+  }
+  void aioRemoved(VrnFile*, bool, bool) override {}
+
+  CostTest* const test;
+  const int fd;
+};
+
+// All of them are polled once a second, in case that one was closed.
+TEST_F(CostTest, IdleDescriptorsAreNotPolled) {
+  constexpr int Idle = 200;
+  int most_polled = 0, polled_all = 0;
+  const sys::Poll looking = [&](pollfd* entries, nfds_t size, int timeout) {
+    if (counting) {
+      if (size > Idle) {
+        ++polled_all;
+      } else {
+        most_polled = std::max(most_polled, static_cast<int>(size));
+      }
+    }
+    return sys::system_poll(entries, size, timeout);
+  };
+  sys::set_poll(&looking);
+  std::deque<VrnFile> files;
+  std::vector<int> write_ends;
+  for (int i = 0; i <= Idle; ++i) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    files.emplace_back().assign(ends[0], "pipe", true);
+    write_ends.push_back(ends[1]);
+  }
+  Passer passer(this, write_ends.back());
+  for (VrnFile& file : files) passer.aioStart(&file);
+  ASSERT_EQ(::write(write_ends.back(), "x", 1), 1);
+  mgr->startDispatcher();
+  EXPECT_LE(most_polled, 3);  // the busy one, the queue, the registrar's pipe
+  EXPECT_LE(polled_all, 20);
+  for (const int fd : write_ends) close(fd);
 }
 
 // Each expiry starts the timer anew: a request, so a write and a read of the registrar's pipe.

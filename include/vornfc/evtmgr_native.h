@@ -27,14 +27,13 @@ class ReadyWait;
 class TimerQueue;
 
 /// The event manager that waits in poll(), with a queue of the kernel's behind it where many
-/// descriptors are idle. Reached through VrnEvtMgr::instance(); its settings are
-/// read from the environment at construction:
+/// descriptors are idle. Reached through VrnEvtMgr::instance(); its settings are read from the
+/// environment at construction:
 ///   VORN_EM_THROWTASKS  "y": an exception from a timer or descriptor callback ends the loop
 ///   VORN_EM_TIMERPREC   microseconds of timer distance per millisecond of waiting, at least 1000
-///   VORN_EM_POLLONLY    "y": poll() looks at every descriptor; otherwise, where there are many,
-///   those
-///                       that stay idle wait in a queue of the kernel's
-///   VORN_EM_POLLMAX     up to this many descriptors poll() looks at each in any case (64)
+///   VORN_EM_POLLONLY    "y": poll() looks at every descriptor; otherwise those that stay idle
+///                       among many wait in a queue of the kernel's
+///   VORN_EM_POLLMAX     with up to this many descriptors the queue is not begun (64)
 /// (VORN_EM_ARMODE is accepted and changes nothing: requests always go through the registrar.)
 ///
 /// The sync operations are the direct forms behind starts and stops. They may be called from any
@@ -106,9 +105,9 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
 
   using Lock = std::unique_lock<std::mutex>;
 
-  // One callback that is running, innermost first: while it is, its objects may only be destroyed
-  // by the dispatcher thread itself; other threads wait for the end of the callback. The registry
-  // lock is released from the constructor to the destructor, which takes it again.
+  // One callback that is running, the latest first: while it is, its objects may only be destroyed
+  // by its own thread and the dispatcher's; other threads wait for the end of the callback. The
+  // registry lock is released from the constructor to the destructor, which takes it again.
   class Callback {
    public:
     Callback(VrnEvtMgrNative* mgr, Lock* lock, const void* object, const void* second = nullptr);
@@ -119,7 +118,8 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
     VrnEvtMgrNative* const mgr;
     Lock* const lock;
     std::array<const void*, 2> objects;
-    Callback* const outer;
+    const pthread_t thread;  // that runs it
+    Callback* outer;
   };
 
   void deliver_signals(Lock* lock);

@@ -125,9 +125,12 @@ class VORNFC_EXPORT VrnLog {
 // A record that nobody wants costs a comparison where the call stands, and not the call. Variable
 // arguments can be handed on only by a compiler that knows how; others call log() itself.
 #if defined(__GNUC__) && !defined(__clang__) && !defined(VORNFC_LOG_IMPLEMENTATION)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // log() itself has been checked
 inline __attribute__((gnu_inline, always_inline)) void VrnLog::log(int lvl, const char* fmt, ...) {
   if (lvl <= threshold.load(std::memory_order_relaxed)) record(lvl, fmt, __builtin_va_arg_pack());
 }
+#pragma GCC diagnostic pop
 #endif
 
 /// The settings of a logger in numbers, for VrnAppShell. The texts are those of the constructors of
