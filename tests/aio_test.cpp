@@ -750,6 +750,18 @@ TEST_F(AioTest, WatchOfACallbackThatThrowsEndsWithItsDescriptor) {
   close(fd);
 }
 
+// What the exception owns ends with it, on the dispatcher thread, and takes the manager's lock to
+// end.
+TEST_F(AioTest, ExceptionMayOwnAFile) {
+  Connection connection("conn");
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  reader.on_ready = [](VrnFile*) { throw std::make_shared<VrnFile>(); };
+  connection.send("hello");
+  start(&connection.file, &reader);
+  loop.when([&] { return log.contains("EvtMgr: IO task threw [Unidentified exception]"); }, [] {});
+  loop.run_calls();
+}
+
 TEST_F(AioTest, FileThatDoesNotOwnItsDescriptorIsClosedToo) {
   Connection connection;
   VrnFile file;

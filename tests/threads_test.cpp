@@ -6,6 +6,7 @@
 #include "support/wait_for.h"
 #include "vornfc/appshell.h"
 #include "vornfc/async_rcvr.h"
+#include "vornfc/async_rdr.h"
 #include "vornfc/evtmgr_native.h"
 #include "vornfc/file.h"
 #include "vornfc/timer.h"
@@ -609,6 +610,67 @@ TEST_F(ThreadsTest, ForcedEndOfAWatchWakesTheLoop) {
     const int before = polls;
     native->syncstopAIO(&connection.file, &reader, false, false, false);
     EXPECT_TRUE(wait_for([&] { return polls > before; }));
+  });
+}
+
+// The callback that such an end makes runs on the calling thread, and may outlast the loop's own.
+TEST_F(ThreadsTest, CallbacksOfTwoThreadsMayOverlap) {
+  std::atomic<bool> in_cancelled{false};
+  std::promise<void> entered, left;
+  CountingTimer timer("t", [&] {
+    entered.set_value();
+    EXPECT_TRUE(wait_for([&] { return in_cancelled.load(); }));
+  });
+  Connection connection;
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  reader.on_cancelled = [&] {
+    in_cancelled = true;
+    left.get_future().wait();
+  };
+  const auto native = dynamic_cast<VrnEvtMgrNative*>(mgr);
+  ASSERT_NE(native, nullptr);
+  run_while([&] {
+    EXPECT_TRUE(mgr->startAIO(&connection.file, &reader));
+    timer.startTimer(0, 0, 0, 0);
+    entered.get_future().wait();
+    std::thread other([&] { native->syncstopAIO(&connection.file, &reader, true, false, false); });
+    EXPECT_TRUE(wait_for([&] { return in_cancelled.load(); }));
+    let_it_sleep();  // the timer's callback is over
+    left.set_value();
+    other.join();
+    const CountingTimer ends_now("u");  // its end looks at the callbacks that run
+  });
+  EXPECT_EQ(timer.expired, 1);
+}
+
+// A file that ends on another thread is in no list afterwards, although a callback that was running
+// then asked for it again.
+TEST_F(ThreadsTest, FileThatEndsDuringItsReadersCallbackIsNotListedAgain) {
+  class Reader : public VrnAsyncReader {
+   public:
+    Reader() : VrnAsyncReader("reader") {}
+    void aioReceived(VrnFile* file, int, char*) override {
+      in_callback = true;
+      EXPECT_TRUE(wait_for([&] { return stopped.load(); }));
+      std::this_thread::sleep_for(milliseconds(50));  // so that the file's end has begun
+      aioRequest(file, 1, buffer);
+    }
+    void aioReadable(VrnFile*) override {}
+    void aioRemoved(VrnFile*, bool, bool) override {}
+
+    std::atomic<bool> in_callback{false}, stopped{false};
+    char buffer[8];
+  };
+  auto connection = std::make_unique<Connection>();
+  Reader reader;
+  run_while([&] {
+    reader.aioRequest(&connection->file, 1, reader.buffer);
+    connection->send("x");
+    EXPECT_TRUE(wait_for([&] { return reader.in_callback.load(); }));
+    EXPECT_TRUE(reader.aioStop(&connection->file));
+    reader.stopped = true;
+    connection.reset();
+    EXPECT_EQ(reader.aioFiles(), 0);
   });
 }
 
