@@ -25,7 +25,7 @@ long allocations() {
 }
 
 bool counts_allocations() {
-  return !Sanitized;
+  return !Sanitized || count > 0;
 }
 
 }  // namespace sys

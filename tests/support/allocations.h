@@ -8,7 +8,8 @@ namespace sys {
 // The calls of operator new that the calling thread has made.
 long allocations();
 
-// False: a sanitizer has its own operator new, and allocations() stays 0.
+// False: a sanitizer has its own operator new, and the calling thread's count stays 0. Without a
+// sanitizer it is true in any case: a count of 0 is then a defect of the test program.
 bool counts_allocations();
 
 }  // namespace sys
