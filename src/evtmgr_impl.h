@@ -1,15 +1,16 @@
 #pragma once
 // What the sources of the native event manager share.
 
+#include "vornfc/evtmgr_native.h"
+
 #include <poll.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <mutex>
 
 namespace vornfc {
-
-class VrnEvtMgrNative;
 
 // Guards every registration of the event manager, and which manager there is. It is not the
 // manager's own member: timers, watchers and files may end on another thread, or after the manager.
@@ -17,8 +18,17 @@ class VrnEvtMgrNative;
 extern std::mutex registry;
 extern VrnEvtMgrNative* native_manager;  // guarded by registry
 
+// With the registry lock: what others wait for under it. A callback, or a stop that holds a file,
+// has ended.
+extern std::condition_variable change;
+extern int waiting;
+
 // What a thread waits for under the registry lock, which the caller holds, may have come true.
-void notify_waiting();
+inline void notify_waiting() {
+  if (waiting > 0) change.notify_all();
+}
+
+extern std::atomic<int> callbacks_running;  // changed under the registry lock
 
 // Ends the wait of the loop by a record in the registrar's pipe. Any thread, signal handlers too.
 void send_wake() noexcept;
@@ -40,5 +50,30 @@ constexpr int RecordSize = 32;
 
 // Signals that arrived and are not delivered yet.
 extern std::atomic<int> sig_ready;
+
+// Here, so that what is done for every event is no call.
+inline VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_lock,
+                                           const void* object, const void* second)
+    : mgr(manager),
+      lock(registry_lock),
+      objects{object, second},
+      thread(pthread_self()),
+      outer(manager->callbacks) {
+  mgr->callbacks = this;
+  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+  lock->unlock();
+}
+
+inline VrnEvtMgrNative::Callback::~Callback() {
+  lock->lock();
+  // The first, but for a callback that an operation on another thread makes meanwhile.
+  Callback** link = &mgr->callbacks;
+  while (*link != this) link = &(*link)->outer;
+  *link = outer;
+  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) - 1,
+                          std::memory_order_release);
+  notify_waiting();
+}
 
 }  // namespace vornfc

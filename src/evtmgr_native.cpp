@@ -12,6 +12,9 @@
 
 #include <strings.h>
 #include <sys/time.h>
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +22,6 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <iterator>
 #include <string>
@@ -28,12 +30,11 @@ namespace vornfc {
 
 std::mutex registry;
 VrnEvtMgrNative* native_manager = nullptr;
-
-namespace {
-
-// With the registry lock: a callback, or a stop that holds a file, has ended.
 std::condition_variable change;
 int waiting = 0;
+std::atomic<int> callbacks_running{0};
+
+namespace {
 
 template <class Condition>
 void wait(std::unique_lock<std::mutex>* lock, Condition condition) {
@@ -41,8 +42,6 @@ void wait(std::unique_lock<std::mutex>* lock, Condition condition) {
   change.wait(*lock, condition);
   --waiting;
 }
-
-std::atomic<int> callbacks_running{0};  // changed under the registry lock
 
 constexpr size_t InitialEntries = 128;
 // How long a stop from another thread waits for a running callback: one that itself waits for the
@@ -62,16 +61,22 @@ int timer_precision() {
   return static_cast<int>(std::clamp<long>(value, MinTimerPrecision, INT_MAX));
 }
 
+// A process of one thread has nobody who could want the registry lock during a look at the queue,
+// and nobody comes meanwhile: keeping it saves a pair of lock and unlock a turn.
+bool alone() {
+#if __has_include(<sys/single_threaded.h>)
+  return __libc_single_threaded;
+#else
+  return false;
+#endif
+}
+
 template <class Container>
 int count(const Container& container) {
   return static_cast<int>(container.size());
 }
 
 }  // namespace
-
-void notify_waiting() {
-  if (waiting > 0) change.notify_all();
-}
 
 // ---- construction ----
 
@@ -212,16 +217,19 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
     ready_wait->assign(pollfds, serials);
     pollfds_changed = false;
   }
-  lock->unlock();
-  const bool waited = ready_wait->poll(timeout);
-  if (!waited && errno != EINTR) {
-    throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
+  if (!alone()) lock->unlock();
+  if (!ready_wait->look()) {
+    if (lock->owns_lock()) lock->unlock();
+    if (!ready_wait->poll(timeout)) {
+      if (errno != EINTR) {
+        throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
+      }
+      lock->lock();
+      errno = 0;
+      return 0;
+    }
   }
-  lock->lock();
-  if (!waited) {
-    errno = 0;
-    return 0;
-  }
+  if (!lock->owns_lock()) lock->lock();
   ready_wait->collect();
   walked = next_of_ready = 0;
   int ready = count(ready_wait->ready());
@@ -512,30 +520,6 @@ void VrnEvtMgrNative::forked() {
   native_manager->before_change();
   native_manager->ready_wait->forked();
   native_manager->wake_sent = false;  // the record may be the parent's to read
-}
-
-VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_lock,
-                                    const void* object, const void* second)
-    : mgr(manager),
-      lock(registry_lock),
-      objects{object, second},
-      thread(pthread_self()),
-      outer(manager->callbacks) {
-  mgr->callbacks = this;
-  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_relaxed);
-  lock->unlock();
-}
-
-VrnEvtMgrNative::Callback::~Callback() {
-  lock->lock();
-  // The first, but for a callback that an operation on another thread makes meanwhile.
-  Callback** link = &mgr->callbacks;
-  while (*link != this) link = &(*link)->outer;
-  *link = outer;
-  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) - 1,
-                          std::memory_order_release);
-  notify_waiting();
 }
 
 bool VrnEvtMgrNative::in_callback(const void* object) const {

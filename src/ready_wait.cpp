@@ -83,12 +83,22 @@ void ReadyWait::list_busy() {
   reports.resize(queued_count);
 }
 
-bool ReadyWait::poll(int timeout) {
+// Where nothing is busy the queue alone knows who is ready, so in a lively time it is asked first:
+// most often poll() has nothing to wait for.
+bool ReadyWait::look() {
   for (const size_t position : ready_positions) table[position].revents = 0;
   ready_positions.clear();
   reported = 0;
   checked.clear();
+  any_hot = false;
   ++turn;
+  if (!mixed || !busy.empty() || turn < next_try || turn % TurnsPerCheck == 0) return false;
+  if (take_from_queue()) return true;
+  next_try = turn + TurnsWithoutTry;
+  return false;
+}
+
+bool ReadyWait::poll(int timeout) {
   return mixed ? mixed_poll(timeout) : plain_poll(timeout);
 }
 
@@ -101,8 +111,7 @@ bool ReadyWait::plain_poll(int timeout) {
   return true;
 }
 
-// Where nothing is busy the queue alone knows who is ready, so in a lively time it is asked first:
-// most often poll() has nothing to wait for.
+// True: it reports some.
 bool ReadyWait::take_from_queue() {
   const int taken = epoll_wait(queue, reports.data(), static_cast<int>(reports.size()), 0);
   reported = static_cast<size_t>(std::max(taken, 0));
@@ -119,10 +128,6 @@ void ReadyWait::check_all(bool now) {
 }
 
 bool ReadyWait::mixed_poll(int timeout) {
-  if (busy.empty() && turn >= next_try && turn % TurnsPerCheck != 0) {
-    if (take_from_queue()) return true;
-    next_try = turn + TurnsWithoutTry;
-  }
   busy.push_back({queue, POLLIN, 0});
   int count;
   for (int left = timeout;;) {
@@ -142,7 +147,9 @@ bool ReadyWait::mixed_poll(int timeout) {
 void ReadyWait::collect() {
   if (!mixed) return;
   for (size_t i = 0; i < busy.size(); ++i) {
-    if (busy[i].revents != 0) add_ready(busy_positions[i], busy[i].revents);
+    if (busy[i].revents == 0) continue;
+    add_ready(busy_positions[i], busy[i].revents);
+    slots[static_cast<size_t>(busy[i].fd)].last_turn = turn;
   }
   for (size_t i = 0; i < reported; ++i) add_reported(reports[i]);
   // What the queue does not tell: a number that has been closed, or given to another file.
@@ -150,7 +157,9 @@ void ReadyWait::collect() {
     Slot& slot = slots[static_cast<size_t>(table[i].fd)];
     if (checked[i].revents == 0 || !slot.queued || table[i].revents != 0) continue;
     add_ready(i, checked[i].revents);
+    slot.last_turn = turn;
     slot.hot = HotTurns;
+    any_hot = true;
   }
   // As a rule they are in order already.
   if (!std::is_sorted(ready_positions.begin(), ready_positions.end())) {
@@ -169,24 +178,34 @@ void ReadyWait::add_reported(const epoll_event& report) {
   // Stopped since, or left over from a registration that could not be taken out.
   if (!slot.queued || slot.serial != report.data.u64 >> 32) return;
   add_ready(slot.position, static_cast<short>(report.events));
-  slot.hot = slot.last_turn + 1 == turn ? static_cast<unsigned char>(slot.hot + 1) : 1;
+  slot.hot = slot.last_turn + 1 == turn ? static_cast<unsigned short>(slot.hot + 1) : 1;
   slot.last_turn = turn;
+  any_hot = any_hot || slot.hot >= HotTurns;
 }
 
 void ReadyWait::settle() {
   if (table.size() <= most_polled && !mixed) return;
   if (stale) close_queue();
-  for (const size_t position : ready_positions) {
-    Slot& slot = slots[static_cast<size_t>(table[position].fd)];
-    slot.last_turn = turn;
-    if (slot.queued && slot.hot >= HotTurns) dequeue(table[position].fd, &slot);
+  if (!mixed) {
+    for (const size_t position : ready_positions) {
+      slots[static_cast<size_t>(table[position].fd)].last_turn = turn;
+    }
   }
+  if (any_hot) send_back_hot();
   // Not in every turn: to look at each of many busy descriptors costs more than to find it out
   // late. And not while many are ready at once, of whom poll() tells for less than the queue does.
   const bool due = table.size() > most_polled && turn - last_look >= idle_turns &&
                    ready_positions.size() <= ManyReady;
   const bool changed = due && enqueue_idle();
   if (changed || busy.size() + queued_count != table.size()) list_busy();
+}
+
+// Ready in one turn after the other: poll() tells of them for less.
+void ReadyWait::send_back_hot() {
+  for (const size_t position : ready_positions) {
+    Slot& slot = slots[static_cast<size_t>(table[position].fd)];
+    if (slot.queued && slot.hot >= HotTurns) dequeue(table[position].fd, &slot);
+  }
 }
 
 // True: some were handed over.

@@ -22,8 +22,9 @@ namespace vornfc {
 // Settings from the environment: VORN_EM_POLLONLY "y": plain poll() always; VORN_EM_POLLMAX: up to
 // this many descriptors plain poll() is used (64; no number counts as 0, the queue takes all).
 //
-// Threads: the event manager calls poll() on the dispatcher thread, and everything else with its
-// registry lock held. Another thread only calls forget(), which touches nothing that poll() does.
+// Threads: the event manager calls look() and poll() on the dispatcher thread, and everything else
+// with its registry lock held. Another thread only calls forget(), which touches nothing that these
+// do.
 class ReadyWait {
  public:
   ReadyWait();
@@ -34,11 +35,15 @@ class ReadyWait {
   // From now on these are waited for. `serials` tell a registration from a later one of its number.
   void assign(const std::vector<pollfd>& table, const std::vector<unsigned>& serials);
 
-  // Waits as poll() does. False: it failed, and `errno` tells why.
+  // Begins a turn. True: descriptors are ready that a look at the queue has found, so nothing is to
+  // be waited for. Does not wait itself.
+  bool look();
+
+  // After look() in vain: waits as poll() does. False: it failed, and `errno` tells why.
   bool poll(int timeout);
 
-  // After poll(): entries() has the returned events from now on, and ready() the positions of those
-  // that have any, in ascending order.
+  // After look() or poll(): entries() has the returned events from now on, and ready() the
+  // positions of those that have any, in ascending order.
   void collect();
   const std::vector<pollfd>& entries() const { return table; }
   const std::vector<size_t>& ready() const { return ready_positions; }
@@ -58,7 +63,7 @@ class ReadyWait {
     bool queued = false;
     bool refused = false;    // the queue does not take it
     short events = 0;        // that it is queued for
-    unsigned char hot = 0;   // turns in a row with an event from the queue
+    unsigned short hot = 0;  // turns in a row with an event from the queue
     unsigned last_turn = 0;  // with an event, at first that in which the number became known
     size_t position = 0;     // in the table
   };
@@ -68,6 +73,7 @@ class ReadyWait {
   bool take_from_queue();
   void check_all(bool now);
   void add_ready(size_t position, short events);
+  void send_back_hot();
   void add_reported(const epoll_event& report);
   void list_busy();
   bool enqueue_idle();
@@ -89,6 +95,7 @@ class ReadyWait {
   std::vector<pollfd> checked;  // all of the table, once a second; empty: not in this turn
   int queue = -1;
   size_t queued_count = 0;
+  bool any_hot = false;  // found by this turn: descriptors that go back to poll()
   bool stale = false;  // a file could not be taken out of the queue: its number is not its any more
   unsigned turn = 0;
   unsigned last_look = 0;  // the turn of the last look at how long the busy have been idle
