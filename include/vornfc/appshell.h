@@ -22,7 +22,7 @@ struct VrnLogSpec;
 /// sets up the logger, calls appSetup(), parses the command line, reads the configuration, creates
 /// the event manager, daemonises (-D), initialises the support library, calls appInit() and
 /// appRun(), and at the end, whatever happened, appTerminated(). The exit status is 0 when there is
-/// an application object.
+/// an application object, 1 when there is none.
 ///
 /// Options of the shell's own: -h usage; -D DIR run as a daemon in DIR ("-": VORN_WORKDIR, or
 /// "/tmp"); -C FILE[:GROUP] configuration file and its top-level group; -L GROUP[:APPTAG] logger
@@ -66,7 +66,7 @@ class VORNFC_EXPORT VrnAppShell {
   /// parameters. Before the command line is parsed.
   void appSetParams(int first, int second);
 
-  const std::string& appTitle() const;
+  const std::string& appTitle() const;  ///< As made at construction; valid as long as the shell.
 
   VrnConfigMgr* appConfig() const;  ///< Owned by the shell; null before the configuration step.
 
@@ -76,11 +76,11 @@ class VORNFC_EXPORT VrnAppShell {
 
   /// Destroys the logger and makes the one that `spec` (not owned; null: the environment)
   /// describes. Throws what its creation throws; log lines then go to standard error. Takes no
-  /// lock.
+  /// lock, so no other thread logs meanwhile.
   void appSetLogger(VrnLogSpec* spec);
 
   static VrnAppShell* singleton;    ///< The application object, null when there is none.
-  static VrnEvtMgr* evtmgr;         ///< The event manager, null before it is created.
+  static VrnEvtMgr* evtmgr;         ///< Null before it is created. Deleted with the shell.
   static const char* ENV_WORKDIR;   ///< "VORN_WORKDIR"
   static const char* DFLT_WORKDIR;  ///< "/tmp"
 

@@ -29,18 +29,20 @@ class VORNFC_EXPORT VrnAsyncReceiver : public VrnAIO {
   VrnAsyncReceiver& operator=(const VrnAsyncReceiver& other);
   ~VrnAsyncReceiver() override;
 
-  /// Watches `file`, which must not be destroyed before it is stopped. Throws VrnException 3 when
-  /// there is no event manager, and what VrnEvtMgr::startAIO() throws; `file` is then not watched.
+  /// Watches `file`, which must not be destroyed before it is stopped. Once the loop has ended the
+  /// file counts as watched all the same, until it is stopped, but no callback follows.
+  /// Throws VrnException 3 when there is no event manager or `file` is null, and what
+  /// VrnEvtMgr::startAIO() throws; `file` is then not watched.
   void aioStart(VrnFile* file, bool locked = false);
 
   /// Stops watching `file`. True: it is not watched (any more), no callback follows. False: the
   /// stop is under way and aioRemoved() follows. Called on another thread while this object's
   /// callback runs, it waits for the end of the callback, for 100 ms at most, and not at all if
-  /// `locked`.
+  /// `locked`. Throws what VrnEvtMgr::stopAIO() throws; `file` then stays as it was.
   bool aioStop(VrnFile* file, bool locked = false);
 
   /// Stops watching every file. Returns the number of those whose stop is under way; with none,
-  /// waits for a running callback as aioStop() does.
+  /// waits for a running callback as aioStop() does. Throws what that throws.
   int aioTerminate(bool locked = false);
 
   bool aioFile(VrnFile* file, bool locked = false) const;  ///< Whether `file` is watched.
@@ -54,8 +56,9 @@ class VORNFC_EXPORT VrnAsyncReceiver : public VrnAIO {
   void aioCancelled(VrnFile* file, bool hangup, bool error) override;
 
   /// `file` is no longer watched: `hangup` because of the descriptor, `error` of an error on it;
-  /// neither: a stop has completed. Dispatcher thread; may destroy `file`, and this object if that
-  /// was its last file.
+  /// `error` alone: a start that was queued came to nothing; neither: a stop has completed.
+  /// Dispatcher thread, no lock held; may destroy `file`, and this object if that was its last
+  /// file. An exception is logged.
   virtual void aioRemoved(VrnFile* file, bool hangup, bool error) = 0;
 
  private:

@@ -38,6 +38,8 @@ class VORNFC_EXPORT VrnAsyncReader : public VrnAIO {
   /// way does not undo the stop: aioRemoved() follows all the same.
   /// Throws VrnException 3 when `bytes` is negative, `buf` null with `bytes` above 0, `file` null,
   /// or there is no event manager, and what VrnEvtMgr::startAIO() throws; nothing has then changed.
+  /// Once the loop has ended a file counts as watched all the same, until it is stopped, but no
+  /// callback follows.
   void aioRequest(VrnFile* file, int bytes, char* buf, bool locked = false);
 
   /// As aioRequest(file, 0, nullptr). Takes the lock whatever `locked` says: not to be called by
@@ -56,11 +58,11 @@ class VORNFC_EXPORT VrnAsyncReader : public VrnAIO {
   /// Stops watching `file`. True: it is not watched (any more), no callback follows. False: the
   /// stop is under way and aioRemoved() follows. Called on another thread while this object's
   /// callback runs, it waits for the end of the callback, for 100 ms at most, and not at all if
-  /// `locked`.
+  /// `locked`. Throws what VrnEvtMgr::stopAIO() throws; `file` then stays as it was.
   bool aioStop(VrnFile* file, bool locked = false);
 
   /// Stops watching every file. Returns the number of those whose stop is under way; with none,
-  /// waits for a running callback as aioStop() does.
+  /// waits for a running callback as aioStop() does. Throws what that throws.
   int aioTerminate(bool locked = false);
 
   /// For the event manager: one read().
@@ -70,8 +72,9 @@ class VORNFC_EXPORT VrnAsyncReader : public VrnAIO {
   void aioCancelled(VrnFile* file, bool hangup, bool error) override;
 
   /// `file` is no longer watched: `hangup` at its end or because of the descriptor, `error` of a
-  /// failed read() or an error on the descriptor; neither: a stop has completed. Dispatcher thread,
-  /// no lock held; may destroy `file`, and this object if that was its last file.
+  /// failed read(), an error on the descriptor, or a start that was queued and came to nothing;
+  /// neither: a stop has completed. Dispatcher thread, no lock held; may destroy `file`, and this
+  /// object if that was its last file. An exception is logged.
   virtual void aioRemoved(VrnFile* file, bool hangup, bool error) = 0;
 
   /// `bytes` bytes, the number requested, are in `buffer`. The request stays in force for the next

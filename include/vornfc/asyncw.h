@@ -15,8 +15,8 @@ struct ImplAsyW;
 /// watched exactly while the queue holds bytes. The event manager is `VrnAppShell::evtmgr`.
 ///
 /// An error is sticky: what is queued is discarded, and every awrite() from then on returns it and
-/// writes nothing. Errors: an `errno` value of write(); -1 the peer has hung up; -2 the event
-/// manager has reported an error, or could not watch the file.
+/// writes nothing. Errors: an `errno` value of write(); -1 the peer has hung up, or the descriptor
+/// is in error; -2 the event manager could not watch the file, or an override of aioReady() threw.
 ///
 /// It writes by write(2), so a peer that is gone raises SIGPIPE: a process that does not run as a
 /// daemon of VrnAppShell ignores that signal itself.
@@ -42,7 +42,7 @@ class VORNFC_EXPORT VrnAsyncWriter : public VrnAIO {
   /// Nothing has then been queued, but a part of the message may have been written.
   int awrite(const void* buf, int len);
 
-  VrnFile* aioFile() const;  ///< The file written to.
+  VrnFile* aioFile() const;  ///< The file written to. Takes no lock.
 
   int queuedBytes(bool locked = false) const;  ///< Bytes that wait; INT_MAX when there are more.
   int queuedMsgs(bool locked = false) const;   ///< Messages that wait, whole or in part.
@@ -57,7 +57,11 @@ class VORNFC_EXPORT VrnAsyncWriter : public VrnAIO {
   void destroy();
 
   void aioReady(VrnFile* file) override;  ///< For the event manager: drains the queue.
-  void aioCancelled(VrnFile* file, bool hangup, bool error) override;  ///< For the event manager.
+
+  /// For the event manager: the watch has ended. Unless that is what the drained queue asked for,
+  /// discards the queue; a hang-up or an error becomes the sticky error. After destroy(): deletes
+  /// the writer.
+  void aioCancelled(VrnFile* file, bool hangup, bool error) override;
 
  private:
   std::unique_ptr<ImplAsyW> impl;

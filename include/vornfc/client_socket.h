@@ -21,8 +21,8 @@ class VORNFC_EXPORT VrnSocketsClient {
   /// `result`: 0 connected; positive: the `errno` value of connect() or of the socket's pending
   /// error; -1 that error could not be read; -2 the event manager has dropped the descriptor (as
   /// it does after a refusal, and when its loop has ended), or connect() failed with `errno` 0.
-  /// Called once for each connect,
-  /// from inside connect() or on the dispatcher thread, with no lock held. May destroy() `socket`.
+  /// Called once for each connect, from inside connect() or on the dispatcher thread, with no lock
+  /// held. May destroy() `socket`.
   virtual void socketConnected(VrnClientSocket* socket, int result) = 0;
 
   virtual ~VrnSocketsClient();
@@ -40,8 +40,8 @@ class VORNFC_EXPORT VrnClientSocket : public VrnSocket {
  public:
   /// The constructors of VrnSocket for a client: the same arguments, defaults and errors.
   VrnClientSocket(unsigned* addr, int port, bool tcp);
-  VrnClientSocket(const char* host, const char* port, bool tcp);
-  VrnClientSocket(const char* spec, bool tcp);
+  VrnClientSocket(const char* host, const char* port, bool tcp);  ///< The same from host and port.
+  VrnClientSocket(const char* spec, bool tcp);                    ///< The same from "host:port".
   ~VrnClientSocket() override;
 
   /// Connects.

@@ -17,6 +17,7 @@ struct ImplConfig;
 
 /// Orders texts as strcasecmp() does: upper and lower case are the same.
 struct VORNFC_EXPORT VrnNocaseStringLess {
+  /// Whether `a` comes before `b`. A text counts up to its first NUL.
   bool operator()(const std::string& a, const std::string& b) const {
     return strcasecmp(a.c_str(), b.c_str()) < 0;
   }
@@ -40,8 +41,8 @@ class VORNFC_EXPORT VrnConfig {
   /// for the first line that is not well formed.
   explicit VrnConfig(const std::string& filename);
 
-  VrnConfig(const VrnConfig& other);
-  VrnConfig& operator=(const VrnConfig& other);
+  VrnConfig(const VrnConfig& other);  ///< The content and the file's name; reads no file.
+  VrnConfig& operator=(const VrnConfig& other);  ///< The same, in place of what there was.
   ~VrnConfig();
 
   /// Forgets the content and reads the file again, changed or not; without a file the result is
@@ -51,12 +52,12 @@ class VORNFC_EXPORT VrnConfig {
 
   std::string filename() const;  ///< As given; empty without a file.
 
-  bool exists(const std::string& group) const;
-  bool exists(const std::string& group, const std::string& item) const;
+  bool exists(const std::string& group) const;  ///< Whether there is such a group.
+  bool exists(const std::string& group, const std::string& item) const;  ///< The same of an item.
 
   std::vector<std::string> groups() const;  ///< In the order and the case of the file.
 
-  /// The item names of a group, in the order and the case of the file.
+  /// The item names of a group, in the order and the case of the file; `mustExist`: the group.
   std::vector<std::string> items(const std::string& group, bool mustExist) const;
 
   /// The values of an item, in order; an item may have none.
@@ -73,7 +74,8 @@ class VORNFC_EXPORT VrnConfig {
                unsigned int index) const;
 
   /// The value read as a decimal integer, cut to the bits of an int. `defval` when the value is
-  /// missing or empty; throws VrnException 9 for a text that isdecstr() does not accept.
+  /// missing or empty; throws VrnException 9 for a text that isdecstr() does not accept. One beyond
+  /// the range of a long counts as the nearest long.
   int intval(const std::string& group, const std::string& item, int defval,
              unsigned int index) const;
 

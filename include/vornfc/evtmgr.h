@@ -38,22 +38,29 @@ class VORNFC_EXPORT VrnEvtMgr {
   /// throws.
   static VrnEvtMgr* instance(int flags = 0);
 
-  /// Deletes the event manager when there is one. Takes the class's own lock.
+  /// Deletes the event manager when there is one; not while its loop runs. What is registered is
+  /// forgotten without a callback. Takes the class's own lock. VrnAppShell does this in its
+  /// destructor.
   static void destroy();
 
   /// Runs the loop on the calling thread, which has to be the owner, until it ends: after
   /// stopDispatcher(), when poll() fails, when a callback throws while VORN_EM_THROWTASKS is "y",
-  /// or when there is nothing left to wait for. Throws VrnException 3 when the loop is running
-  /// already; whatever ends the loop is logged, not thrown.
+  /// or when there is nothing left to wait for. A manager has one run: started again, it returns at
+  /// once. Throws VrnException 3 when the loop is running already; whatever ends the loop is
+  /// logged, not thrown.
   virtual void startDispatcher() = 0;
 
   /// Asks the loop to end; any thread, any number of times, also before the loop was started.
   virtual void stopDispatcher() = 0;
 
-  /// Watches `file` for `aio`, in its direction. Neither is owned; both should be stopped before
-  /// they are destroyed. True: done, or queued. False: the loop has ended.
-  /// Throws VrnException 3 when a pointer is null, `file` is unassigned, or (on another thread than
-  /// the owner) the descriptor has a watcher of that direction or belongs to another VrnFile.
+  /// Watches `file` for `aio`, in its direction, and puts it in non-blocking mode. Neither is
+  /// owned; both should be stopped before they are destroyed. True: done, or queued. False: the
+  /// loop has ended.
+  ///
+  /// Throws VrnException 3 when a pointer is null or `file` is unassigned. On another thread than
+  /// the owner also 3 when the descriptor has a watcher of that direction, belongs to another
+  /// VrnFile or was closed because its watcher threw, and what VrnFile::setBlockingMode() throws;
+  /// on the owner thread, where the request is queued, these are log lines at level 1.
   virtual bool startAIO(VrnFile* file, VrnAIO* aio) = 0;
 
   /// Ends a watch. True: ended, no callback follows. False: the stop is under way and
@@ -62,14 +69,20 @@ class VORNFC_EXPORT VrnEvtMgr {
   /// watcher holds the place.
   virtual bool stopAIO(VrnFile* file, VrnAIO* aio) = 0;
 
-  virtual bool startTimer(VrnTimer* timer) = 0;  ///< For VrnTimer: enters `timer` in the queue.
-  virtual bool stopTimer(VrnTimer* timer) = 0;   ///< For VrnTimer: true when it is out of it.
+  /// For VrnTimer: enters `timer`, which is not owned, in the queue. True: done, or queued. False:
+  /// the loop has ended. Throws VrnException 3 when `timer` is null.
+  virtual bool startTimer(VrnTimer* timer) = 0;
+
+  /// For VrnTimer: takes `timer` out of the queue. True: done. False: the stop is under way and
+  /// VrnTimer::timerCancelled() follows on the dispatcher thread. Throws VrnException 3 when
+  /// `timer` is null.
+  virtual bool stopTimer(VrnTimer* timer) = 0;
 
   /// Delivers signal `signo` to `handler`, which is not owned. A signal has at most one handler:
-  /// one that it has already is kept. Returns the handler it had before, or null; always null on
-  /// the owner thread. Throws VrnException 3 when `handler` is null or `signo` is -1 or above 64,
-  /// and 2 when the system refuses the signal (both reported as a log line when the request was
-  /// queued).
+  /// one that it has already is kept. Signal 64 is accepted, but never delivered. Returns the
+  /// handler it had before, or null; always null on the owner thread. Throws VrnException 3 when
+  /// `handler` is null or `signo` is -1 or above 64, and 2 when the system refuses the signal (both
+  /// reported as a log line when the request was queued).
   virtual VrnSignalHandler* startSignal(VrnSignalHandler* handler, int signo) = 0;
 
   /// Ends the delivery of `signo`, or of all signals of `handler` when `signo` is -1, and restores
@@ -116,8 +129,8 @@ class VORNFC_EXPORT VrnAIO {
 
  protected:
   const std::unique_ptr<VrnMutex> mutex;  ///< For the derived class's own use; named with the tag.
-  const bool input;
-  const std::string tag;  ///< The name in log lines.
+  const bool input;                       ///< The direction: true input, false output.
+  const std::string tag;                  ///< The name in log lines; never empty.
 
  private:
   friend class AsyncRegistrar;
@@ -152,7 +165,9 @@ class VORNFC_EXPORT VrnSignalHandler {
   /// Dispatcher thread, no lock held. An exception is logged.
   virtual void signalStopped(int signo) = 0;
 
-  virtual const char* sigtag() const = 0;  ///< The name in log lines.
+  /// The name in log lines. Not null; valid as long as the handler. Dispatcher thread, no lock
+  /// held.
+  virtual const char* sigtag() const = 0;
 
  protected:
   VrnSignalHandler() = default;

@@ -43,13 +43,17 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   /// What is registered on one descriptor number.
   struct iofile_t {
     std::array<VrnAIO*, 2> aios{};  ///< [0] the input watcher, [1] the output watcher; null: none
-    VrnFile* file = nullptr;
-    int pidx = -1;        ///< Position in pollfds; -1: nothing is registered.
-    unsigned serial = 0;  ///< Counts the registrations of this descriptor number.
+    VrnFile* file = nullptr;        ///< The file that is watched; null: none.
+    int pidx = -1;                  ///< Position in pollfds; -1: nothing is registered.
+    unsigned serial = 0;            ///< Counts the registrations of this descriptor number.
   };
 
-  /// Throws VrnException 6 "Duplicate EvtMgr", or 2 when the registrar's pipe cannot be made.
+  /// Throws VrnException 6 "Duplicate EvtMgr", or 2 when the registrar's pipe cannot be made or the
+  /// system has no room for another fork handler.
   VrnEvtMgrNative();
+
+  /// Forgets what is registered, without a callback. If the loop has never run, the stops of
+  /// writers and client sockets that are under way are completed first.
   ~VrnEvtMgrNative() override;
 
   void startDispatcher() override;
@@ -61,34 +65,46 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   VrnSignalHandler* startSignal(VrnSignalHandler* handler, int signo) override;
   bool stopSignal(VrnSignalHandler* handler, int signo, bool ignore) override;
 
-  void dispatcher();         ///< The loop; called by startDispatcher().
-  void dispatcherStopped();  ///< What follows the loop; called by startDispatcher().
+  /// The loop; called by startDispatcher(). Throws VrnException 2 when poll() fails, and what a
+  /// callback of a timer or descriptor throws while VORN_EM_THROWTASKS is "y".
+  void dispatcher();
 
-  /// Makes the loop end at its next check.
+  /// What follows the loop; called by startDispatcher(). Completes the stops that are under way and
+  /// logs at level 4 what remains registered, which stays as it is.
+  void dispatcherStopped();
+
+  /// Makes the loop end at its next check. Does not end a wait: see stopDispatcher().
   void syncstopDispatcher();
 
   /// Registers the watch. False, and nothing changed, when the loop has ended. Puts the descriptor
-  /// in non-blocking mode at its first watch.
+  /// in non-blocking mode at its first watch. Throws what startAIO() throws on another thread.
   bool syncstartAIO(VrnFile* file, VrnAIO* aio);
 
-  /// Ends the watch if there is one, then calls aioCancelled(file, hangup, err) if `notify`.
+  /// Ends the watch if there is one, then calls aioCancelled(file, hangup, err) if `notify`. Throws
+  /// VrnException 3 when a pointer is null or another watcher holds the place.
   void syncstopAIO(VrnFile* file, VrnAIO* aio, bool notify, bool hangup, bool err);
 
-  /// Enters the timer in the queue. False when the loop has ended.
+  /// Enters the timer in the queue. False when the loop has ended. Throws VrnException 3 when
+  /// `timer` is null.
   bool syncstartTimer(VrnTimer* timer);
 
-  /// Takes the timer out of the queue if it is there, then calls timerCancelled() if `notify`.
+  /// Takes the timer out of the queue if it is there, then calls timerCancelled() if `notify`. An
+  /// exception of that is logged. Throws VrnException 3 when `timer` is null.
   void syncstopTimer(VrnTimer* timer, bool notify);
 
   /// Changes the delivery of `signo` (-1, stop only: of all signals of `handler`), then calls
-  /// signalStopped() if `notify`. Returns the handler that `signo` had.
+  /// signalStopped() if `notify`. Returns the handler that `signo` had, or null. Throws
+  /// VrnException 3 when `handler` is null in a start or `signo` is out of range, 2 when the system
+  /// refuses.
   VrnSignalHandler* sigRequest(bool start, bool notify, VrnSignalHandler* handler, int signo,
                                bool ignore);
 
-  /// Calls signalReceived() or signalStopped(); exceptions are logged.
+  /// Calls signalReceived(), or signalStopped() unless `received`; exceptions are logged. Throws
+  /// VrnException 3 when `handler` is null. Takes no lock.
   void sigResponse(bool received, VrnSignalHandler* handler, int signo);
 
-  /// Calls the watchers of one descriptor. Both arguments are the caller's copies.
+  /// Calls the watchers of one descriptor. Both arguments are the caller's copies, and may be
+  /// changed. Throws VrnException 3 when one is null, and what a watcher's aioReady() throws.
   void handleIO(pollfd* entry, iofile_t* record);
 
  private:
@@ -240,24 +256,29 @@ class VORNFC_EXPORT AsyncRegistrar : public VrnAIO {
     StopSignal       ///< handler, signal number, whether to ignore the signal
   };
 
-  /// Throws VrnException 2 "EvtMgr: Failed to create %s pipe". `mgr` is not owned.
+  /// `name` is for log lines; null or empty: the address. `mgr` is not owned and outlives the
+  /// registrar. Throws VrnException 2 "EvtMgr: Failed to create %s pipe", 3 when `mgr` is null.
   AsyncRegistrar(const char* name, VrnEvtMgrNative* mgr);
   ~AsyncRegistrar() override;
 
   void start();  ///< Watches the pipe; called by the dispatcher at the start of the loop.
 
   /// Takes a request with `nargs` (0 to 3) arguments of 8 bytes each. Owner thread only. True: it
-  /// will be carried out. False: it was refused, because the loop is ending.
+  /// will be carried out. False: it was refused, because the loop is ending or has ended. Takes the
+  /// lock of VrnAIO. Throws VrnException 3 for another number of arguments.
   bool submit(int type, int nargs, ...);
 
-  void aioReady(VrnFile* file) override;
+  void aioReady(VrnFile* file) override;  ///< Carries out what is in the pipe and behind it.
+
+  /// The watch of the pipe has ended: closes its write end and ends the loop.
   void aioCancelled(VrnFile* file, bool hangup, bool err) override;
 
   /// Carries out one record of four 8-byte words: type and arguments. 0, or 1 when the type is
-  /// unknown.
+  /// unknown. Takes the registry lock. Throws VrnException 3 when `record` is null, and what the
+  /// operation throws.
   int processRequest(void** record);
 
-  void cancel(bool err);     ///< Ends the watch of the pipe, and with it the loop.
+  void cancel(bool err);  ///< Ends the watch of the pipe, and with it the loop. `err`: it failed.
   void dispatcherStopped();  ///< Carries out the stops that were kept; refuses any more.
 
   /// Voids the requests made so far that name `object`, or both `object` and `second`. Any thread,

@@ -23,8 +23,8 @@ class VORNFC_EXPORT VrnException : public std::runtime_error {
   /// The same with the arguments in `ap`, which the call uses up: the caller may only va_end() it.
   VrnException(va_list ap, int err, const char* fmt) __attribute__((format(printf, 4, 0)));
 
-  VrnException(const VrnException& other) = default;
-  VrnException& operator=(const VrnException& other) = default;
+  VrnException(const VrnException& other) = default;             ///< The same codes and message.
+  VrnException& operator=(const VrnException& other) = default;  ///< The same codes and message.
   ~VrnException() override;
 
   const char* what() const noexcept override;  ///< The message; lives as long as the exception.
@@ -40,6 +40,8 @@ class VORNFC_EXPORT VrnException : public std::runtime_error {
   ///   std::string       "string=<text>"
   ///   const char*       the text alone; null: "<NULL>"
   ///   anything else     "Unidentified exception"
+  ///
+  /// When there is no memory for the line it is "out of memory", and what was thrown stays unknown.
   static std::string handler();
 
  private:

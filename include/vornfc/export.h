@@ -3,4 +3,5 @@
 
 #pragma once
 
+/// Marks what an application can be linked against.
 #define VORNFC_EXPORT __attribute__((visibility("default")))

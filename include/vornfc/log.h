@@ -1,6 +1,6 @@
-// Log files: one time-stamped line for each record, trace levels, cycling by hour, day or month;
-// and the ways to a logger from words, a configuration group, the environment or a record of
-// settings.
+/// Log files: one time-stamped line for each record, trace levels, cycling by hour, day or month;
+/// and the ways to a logger from words, a configuration group, the environment or a record of
+/// settings.
 #pragma once
 
 #include "vornfc/export.h"
@@ -29,12 +29,12 @@ class VORNFC_EXPORT VrnLog {
  public:
   // Names of the settings: items of a logger group and, after "VORNTRC_", environment variables.
   static constexpr const char* CFG_PRELIMS = "PRELIMS";  ///< For applications; read nowhere here.
-  static constexpr const char* CFG_CYCLEFREQ = "CYCLEFREQ";
-  static constexpr const char* CFG_TIMEPREC = "TIMEPREC";
-  static constexpr const char* CFG_TIMEFMT = "TIMEFMT";
-  static constexpr const char* CFG_LEVEL = "LEVEL";
-  static constexpr const char* CFG_FILENAME = "FILENAME";
-  static constexpr const char* CFG_APPTAG = "APPTAG";
+  static constexpr const char* CFG_CYCLEFREQ = "CYCLEFREQ";  ///< A word, see create().
+  static constexpr const char* CFG_TIMEPREC = "TIMEPREC";    ///< A word, see create().
+  static constexpr const char* CFG_TIMEFMT = "TIMEFMT";      ///< A format of strftime.
+  static constexpr const char* CFG_LEVEL = "LEVEL";          ///< A number from 1, or a symbol.
+  static constexpr const char* CFG_FILENAME = "FILENAME";    ///< A file, directory or stream.
+  static constexpr const char* CFG_APPTAG = "APPTAG";        ///< In the environment only.
 
   /// A log that owns its file. Every text is copied; null is the same as empty.
   ///
@@ -95,7 +95,7 @@ class VORNFC_EXPORT VrnLog {
   /// former one. Null or empty: 3. Throws VrnException 9, and changes nothing, when the level would
   /// be below 1: level 0 cannot be set.
   int level(const char* text);
-  int level(int n);
+  int level(int n);  ///< The same with a number.
 
   /// Starts a new file when `now`, a local time, is in another period than the last file, or when
   /// no file is open because the last cycle failed. Each record does this first. Returns whether a
@@ -108,11 +108,13 @@ class VORNFC_EXPORT VrnLog {
 
   /// Writes one record and flushes it; does nothing, and cycles no file, when `lvl` is above the
   /// trace level. A message that would make the record longer than 2047 characters is cut. `errno`
-  /// is left alone, and "%m" in `fmt` is the caller's.
+  /// is left alone, and "%m" in `fmt`, a printf format (null: "<NULL>"), is the caller's.
   ///
   /// Failed writes are not reported: the record is lost. When only a part of it reached the file,
   /// the next record starts on a new line. Throws what cycle() throws.
   void log(int lvl, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+
+  /// The same with the arguments in `ap`, which the call uses up: the caller may only va_end() it.
   void log(va_list ap, int lvl, const char* fmt) __attribute__((format(printf, 4, 0)));
 
  private:

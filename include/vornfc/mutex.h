@@ -54,7 +54,7 @@ class VORNFC_EXPORT VrnMutexGuard {
   explicit VrnMutexGuard(VrnMutex* guarded, bool all = false);
   VrnMutexGuard(const VrnMutexGuard&) = delete;
   VrnMutexGuard& operator=(const VrnMutexGuard&) = delete;
-  ~VrnMutexGuard();  ///< clear()
+  ~VrnMutexGuard();  ///< As clear().
 
   /// Unlocks now and forgets the mutex; a second call does nothing. The argument has no effect. A
   /// failed unlock is logged by the mutex.

@@ -36,9 +36,12 @@ class VORNFC_EXPORT VrnObserver {
 };
 
 /// The subject. Attach, detach, notify and assign from any thread.
+///
+/// Locks: one of its own, which is not recursive. Every operation that takes it throws VrnException
+/// 2 when it cannot be taken; the destructor logs that at level 1.
 class VORNFC_EXPORT VrnNotifier {
  public:
-  explicit VrnNotifier(const std::string& name);  ///< No observers.
+  explicit VrnNotifier(const std::string& name);  ///< No observers. `name` may be empty.
 
   /// An independent notifier named `other`'s name and "-Copy", without observers.
   VrnNotifier(const VrnNotifier& other);
@@ -49,7 +52,7 @@ class VORNFC_EXPORT VrnNotifier {
 
   virtual ~VrnNotifier();  ///< The observers still attached hear observerDetached().
 
-  std::string notifierName() const;
+  std::string notifierName() const;  ///< As given to the constructor; a copy.
 
   /// Adds `obs`, once however often it is attached. Throws VrnException 3 when `obs` is null, and
   /// whatever notifierAttached() throws; `obs` is then not added.

@@ -12,8 +12,11 @@ class VORNFC_EXPORT VrnServerSocket : public VrnSocket {
  public:
   /// The constructors of VrnSocket for a server: the same arguments, defaults and errors.
   VrnServerSocket(unsigned* addr, int port, bool isTcp);
+
+  /// The same from host and port.
   VrnServerSocket(const char* host, const char* port, bool isTcp);
-  VrnServerSocket(const char* spec, bool isTcp);
+
+  VrnServerSocket(const char* spec, bool isTcp);  ///< The same from "host:port".
 
   /// Allows the address to be reused, binds it and, for TCP, listens with a backlog of 1024. Throws
   /// VrnException 12 when the address is taken or not local, 2 when another step fails.

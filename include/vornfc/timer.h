@@ -26,11 +26,13 @@ class VORNFC_EXPORT VrnTimer {
   explicit VrnTimer(const std::string& name);  ///< `name` is for log lines; empty: the address
   virtual ~VrnTimer();
 
-  /// A timer named like `other` with "-copy" behind it, which is then assigned from it.
+  /// A timer named like `other` with "-copy" behind it, which is then assigned from it: it is
+  /// started if `other` is set.
   VrnTimer(const VrnTimer& other);
 
   /// Starts this timer with the expiry and interval of `other` when that is set, stops it
   /// otherwise. Takes the lock of `other`, then its own; does nothing when both are the same timer.
+  /// Throws what startTimer() throws.
   VrnTimer& operator=(const VrnTimer& other);
 
   /// Sets the expiry to the present plus `sec` seconds and `usec` microseconds; it then repeats
@@ -55,23 +57,32 @@ class VORNFC_EXPORT VrnTimer {
   bool getExpiryAbs(timeval* out, bool locked = false) const;
 
   /// Stores in `*out` (if given) the seconds and microseconds from `*now` (null: the present) to
-  /// the next expiry, negative when overdue. False, and `*out` untouched, when none is set.
+  /// the next expiry, negative when overdue. False, and `*out` untouched, when none is set. A
+  /// distance beyond 2147.483647 seconds, the range of utime_diff(), counts as that.
   bool getExpiry(timeval* out, const timeval* now, bool locked = false) const;
 
   const char* tmrtag() const;  ///< The name in log lines; valid as long as the timer.
 
-  int compare(
-      const VrnTimer& other) const;       ///< Microseconds from the other's expiry to this one's.
-  int compare(const timeval* now) const;  ///< Microseconds from `*now` to the expiry.
+  /// Microseconds from the other's expiry to this one's, negative when this one is first, as
+  /// utime_diff() counts them. Takes no lock; means something only while both are set.
+  int compare(const VrnTimer& other) const;
+
+  /// Microseconds from `*now` to the expiry, negative when overdue, as utime_diff() counts them.
+  /// Takes no lock; means something only while the timer is set. Throws VrnException 3 when `now`
+  /// is null.
+  int compare(const timeval* now) const;
 
   int lock() const;    ///< Takes the timer's lock, which is not recursive; returns the depth, 1.
   int unlock() const;  ///< Returns the depth left, 0, or -1 when the system refused.
 
-  /// For the event manager: the timer is due at `*now`. Does nothing unless it is queued.
+  /// For the event manager: the timer is due at `*now`. Sets it anew if it repeats, then calls
+  /// timerExpired(), whose exceptions it lets through. Does nothing unless it is queued. Throws
+  /// VrnException 3 when `now` is null.
   void triggerTimer(const timeval* now);
 
-  /// For the event manager: a stop has gone through the dispatcher. Throws VrnException 3 when no
-  /// stop is under way.
+  /// For the event manager: a stop has gone through the dispatcher. Calls timerStopped(), or starts
+  /// the timer when a restart was asked for meanwhile. Throws VrnException 3 when no stop is under
+  /// way, and what these two throw.
   void timerCancelled();
 
   /// The timer has expired; dispatcher thread, no lock held; may stop or start it again. An
@@ -92,6 +103,7 @@ class VORNFC_EXPORT VrnTimer {
 /// Orders pointers by what they point to.
 template <class T = VrnTimer>
 struct VrnPtrLess {
+  /// Whether `*a` comes before `*b`; neither may be null.
   bool operator()(const T* a, const T* b) const { return a->compare(*b) < 0; }
 };
 

@@ -10,16 +10,17 @@ namespace vornfc {
 
 /// Writes one diagnostic line. `level`: 0 must-see notice, 1 error that is reported instead of
 /// thrown, 3 progress, 4 tracing, 5 finest detail; 2 is free. `fmt` is a printf format without a
-/// line end.
+/// line end; null: "<NULL>".
 ///
 /// Once the application shell has a logger, the line goes to that logger, which has a level filter
 /// of its own. Until then it goes to standard error as "*** PID=<pid>: <text>"; levels 3 and above
 /// only if VORNTRC_APPTAG is "y" (in either case), which is looked up once, at the first line of
 /// any level that takes this way.
 ///
-/// Threads: any. No lock is taken on the way to standard error and the prefix, the text and the
-/// line end are separate writes, so lines of concurrent callers may interleave. Errors: none,
-/// whatever the logger throws; `errno` is left as it was.
+/// Threads: any. Locks: the logger's own, see VrnLog::log(). None is taken on the way to standard
+/// error, where the prefix, the text and the line end are separate writes, so lines of concurrent
+/// callers may interleave. Errors: none, whatever the logger throws: the line is then lost; `errno`
+/// is left as it was.
 VORNFC_EXPORT void vrnlog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 /// The same with the arguments in `ap`, which the call uses up: the caller may only va_end() it.
@@ -29,7 +30,8 @@ VORNFC_EXPORT void vrnlog(va_list ap, int level, const char* fmt)
 /// Throws VrnException 3 with `text` (null: "<NULL>") unless `cond`. Neither logs nor aborts.
 VORNFC_EXPORT void VrnAssertBasic(bool cond, const char* text);
 
-/// Throws VrnException 3 with the formatted message unless `cond`. Neither logs nor aborts.
+/// Throws VrnException 3 with the message that `fmt`, a printf format (null: "<NULL>"), makes of
+/// the arguments, unless `cond`. Neither logs nor aborts.
 VORNFC_EXPORT void VrnAssertFull(bool cond, const char* fmt, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -46,7 +46,7 @@ struct _gnl_cmdlin_ctrl {
   /// Describes the positional parameters in messages ("SOURCE TARGET"). Null or empty: no text.
   const char* param_text;
 
-  void* reserved_16;
+  void* reserved_16;  ///< Zero.
 
   /// Called for every option and every positional parameter, in the order of the command line.
   ///
@@ -62,19 +62,19 @@ struct _gnl_cmdlin_ctrl {
   std::int32_t min_params;  ///< Least number of positional parameters; 0 or less: none is needed.
   std::int32_t max_params;  ///< Greatest number of positional parameters; 0 or less: no limit.
 
-  void* reserved_48[3];
+  void* reserved_48[3];  ///< Zero.
 };
 
 /// What the application's start sequence hands to gnl_init(). The caller owns the record.
 ///
 /// 136 bytes, a layout shared with libvornfc_mt.so; reserved fields are zero.
 struct gnl_init_ctrl {
-  std::int32_t reserved_0[3];
-  std::int32_t has_cmdlin;  ///< 1: `cmdlin` below is in use.
-  void* reserved_16[4];
-  std::uint32_t flags;  ///< GNL_INIT_DAEMON or 0.
-  std::int32_t reserved_52[3];
-  struct _gnl_cmdlin_ctrl cmdlin;
+  std::int32_t reserved_0[3];      ///< Zero.
+  std::int32_t has_cmdlin;         ///< 1: `cmdlin` below is in use.
+  void* reserved_16[4];            ///< Zero.
+  std::uint32_t flags;             ///< GNL_INIT_DAEMON or 0.
+  std::int32_t reserved_52[3];     ///< Zero.
+  struct _gnl_cmdlin_ctrl cmdlin;  ///< What gnl_cmdlin() was given.
 };
 
 /// Result of the command-line callback: the option or parameter is not accepted.
