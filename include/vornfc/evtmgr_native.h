@@ -124,7 +124,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   // One callback that is running, the latest first: while it is, its objects may only be destroyed
   // by its own thread and the dispatcher's; other threads wait for the end of the callback. The
   // registry lock is released from the constructor to the destructor, which takes it again.
-  class Callback {
+  class __attribute__((visibility("hidden"))) Callback {
    public:
     Callback(VrnEvtMgrNative* mgr, Lock* lock, const void* object, const void* second = nullptr);
     ~Callback();
