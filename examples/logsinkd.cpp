@@ -20,11 +20,13 @@
 
 using namespace vornfc;
 
-class LogSink : public VrnAppShell,
-                public VrnAsyncReceiver,
-                VrnTimer,
-                VrnSignalHandler,
-                VrnObserver {
+// One that sends over TCP.
+struct Sender {
+  std::unique_ptr<VrnSocket> socket;
+  std::string text;  // the beginning of a line
+};
+
+class LogSink : public VrnAppShell, VrnAsyncReceiver, VrnTimer, VrnSignalHandler, VrnObserver {
  public:
   LogSink()
       : VrnAppShell(nullptr, "logsinkd", "1.0", "Log collector"),
@@ -54,9 +56,7 @@ class LogSink : public VrnAppShell,
     if (appConfig()) appConfig()->detach(this);
     aioTerminate();
     stopTimer();
-    while (!senders.empty()) remove(senders.begin());
-    streams.reset();
-    datagrams.reset();
+    while (!senders.empty()) aioRemoved(senders.begin()->first, false, false);
   }
 
   void observerNotified(VrnNotifier*) override {
@@ -88,28 +88,20 @@ class LogSink : public VrnAppShell,
     char buffer[65536];
     const ssize_t size = recv(file->fd, buffer, sizeof buffer, 0);
     if (size == -1 && (errno == EAGAIN || errno == EINTR)) return;
+    const std::string received(buffer, size > 0 ? static_cast<size_t>(size) : 0);
     if (file == datagrams.get()) {
-      if (size > 0) write_lines(std::string(buffer, static_cast<size_t>(size)) + "\n");
+      write_lines(received + "\n");
     } else if (size > 0) {
-      std::string& text = senders[file].text;
-      text = write_lines(text.append(buffer, static_cast<size_t>(size)));
+      senders[file].text = write_lines(senders[file].text + received);
     } else {
       aioStop(file);
     }
   }
 
+  // A sender leaves.
   void aioRemoved(VrnFile* file, bool, bool) override {
-    if (const auto it = senders.find(file); it != senders.end()) remove(it);
-  }
-
-  // One that sends over TCP.
-  struct Sender {
-    std::unique_ptr<VrnSocket> socket;
-    std::string text;  // the beginning of a line
-  };
-  using Senders = std::map<VrnFile*, Sender>;
-
-  void remove(Senders::iterator it) {
+    const auto it = senders.find(file);
+    if (it == senders.end()) return;
     if (!it->second.text.empty()) write_lines(it->second.text + "\n");
     senders.erase(it);
   }
@@ -127,8 +119,7 @@ class LogSink : public VrnAppShell,
 
   // A line cannot pretend to be several, nor hide anything in control characters.
   void write_line(std::string line) {
-    int severity = 6;
-    int consumed = 0;
+    int severity = 6, consumed = 0;
     if (unsigned priority; sscanf(line.c_str(), "<%3u>%n", &priority, &consumed) == 1 && consumed) {
       severity = static_cast<int>(priority % 8);
       line.erase(0, static_cast<size_t>(consumed));
@@ -152,7 +143,7 @@ class LogSink : public VrnAppShell,
 
   std::unique_ptr<VrnLog> sink;
   std::unique_ptr<VrnServerSocket> streams, datagrams;
-  Senders senders;
+  std::map<VrnFile*, Sender> senders;
 };
 
 static LogSink app;

@@ -115,9 +115,11 @@ TEST_F(LogsinkdTest, AnEndlessLineIsWrittenInPieces) {
 }
 
 TEST_F(LogsinkdTest, AReloadChangesTheLevel) {
-  configure("ERR");
-  daemon.reload();
   const Socket sender = Socket::connected(port);
+  EXPECT_TRUE(sender.send("<11>here\n"));
+  ASSERT_TRUE(wait_for([&] { return text().find("here") != std::string::npos; }));
+  configure("ERR");
+  daemon.reload();  // of one that answers: it takes signals, too
   EXPECT_TRUE(wait_for([&] {
     const std::string before = text();
     EXPECT_TRUE(sender.send("<13>dropped\n<11>kept\n"));

@@ -1,5 +1,6 @@
 // The example relay, run as a daemon between sockets of the test. RELAYD is its path.
 #include "support/daemon.h"
+#include "support/wait_for.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -235,7 +236,7 @@ TEST_F(RelaydTest, RunsOutOfDescriptorsAndGoesOn) {
     relay.start(limit);
     const int before = relay.descriptors();
     std::vector<Socket> clients, targets;
-    const timeval soon{1, 0}, late{20, 0};
+    const timeval soon{1, 0}, moment{0, 20000}, late{20, 0};
     setsockopt(server.fd, SOL_SOCKET, SO_RCVTIMEO, &soon, sizeof soon);
     for (;;) {
       clients.push_back(Socket::connected(served));
@@ -244,12 +245,17 @@ TEST_F(RelaydTest, RunsOutOfDescriptorsAndGoesOn) {
       targets.push_back(std::move(accepted));
       ASSERT_LT(targets.size(), limit);
     }
-    setsockopt(server.fd, SOL_SOCKET, SO_RCVTIMEO, &late, sizeof late);
     EXPECT_GE(targets.size(), 10U);
     EXPECT_TRUE(relay.logs(" ERR "));
     clients.clear();
     targets.clear();
-    EXPECT_TRUE(relay.has_descriptors(before));
+    // A caller that had to wait is relayed now, though it has left: until its target hangs up too.
+    setsockopt(server.fd, SOL_SOCKET, SO_RCVTIMEO, &moment, sizeof moment);
+    EXPECT_TRUE(wait_for([&] {
+      const Socket left_over(accept4(server.fd, nullptr, nullptr, SOCK_CLOEXEC));
+      return relay.descriptors() == before;
+    }));
+    setsockopt(server.fd, SOL_SOCKET, SO_RCVTIMEO, &late, sizeof late);
     client = Socket::connected(served);
     EXPECT_TRUE(client.send("x"));
     // A caller that had to wait comes before this one, though it has left.

@@ -8,6 +8,7 @@
 //   --seed S         of the choice; default: a new one, printed
 //   --jobs N         processes at the same time, which mostly sleep; default: 4 a processor
 //   --point P        one point, as the list of failures names it, with what the library logs
+//   --calls          nothing but the names of the calls that are made to fail
 
 #include "runner.h"
 
@@ -186,9 +187,17 @@ bool summarise(const std::vector<Point>& points, const Tally& tally) {
   return failed == 0 && reached > 0;
 }
 
+int list_calls() {
+  for (std::size_t i = 0; i < inject::CallKinds; ++i) {
+    std::printf("%s\n", inject::name_of(static_cast<inject::Call>(i)));
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], "--calls") == 0) return list_calls();
   const Options options = parse(argc, argv);
   if (!options.point.empty()) return run_point(options.point);
   std::mt19937 random(options.seed);
