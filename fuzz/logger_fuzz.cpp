@@ -353,9 +353,11 @@ void add_shutdown(Model* model, std::string* written) {
   }
 }
 
-std::string* last_with_shutdown(std::map<std::string, std::string>* files) {
+// The file that the destructor has written to: before that, all were those of the model.
+std::string* file_of_shutdown(std::map<std::string, std::string>* files, const Model& model) {
   for (auto& [name, content] : *files) {
-    if (content.find("Logger Shutdown - ") != content.npos) return &content;
+    const auto it = model.files.find(name);
+    if (it == model.files.end() || it->second != content) return &content;
   }
   return nullptr;
 }
@@ -410,7 +412,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   auto files = playground.files();
   std::string written = streams ? streams->file.read() : "";
-  add_shutdown(model.get(), model->is_stream ? &written : last_with_shutdown(&files));
+  add_shutdown(model.get(), model->is_stream ? &written : file_of_shutdown(&files, *model));
   check_same(files, model->files);
   if (model->is_stream) require(written == model->stream, "another text on the stream");
   if (!files.empty()) playground.clear();
