@@ -44,8 +44,13 @@ VrnAppShell::VrnAppShell(VrnLogSpec* logSpec, const char* projectName, const cha
   VrnAssertFull(projectName || appDescription,
                 "AppShell: project-name and app-description both null");
   singleton = this;
-  impl = std::make_unique<ImplAppShell>(this, logSpec, projectName, suffix, appDescription,
-                                        lateEvtMgr);
+  try {
+    impl = std::make_unique<ImplAppShell>(this, logSpec, projectName, suffix, appDescription,
+                                          lateEvtMgr);
+  } catch (...) {
+    singleton = nullptr;
+    throw;
+  }
   vrnlog(4, "AppShell.ctor - this=0x%x, pimpl=0x%x, prognam=%s [%s]", address32(this),
          address32(impl.get()), gnl_prognam ? gnl_prognam : "<NULL>", impl->title.c_str());
 }

@@ -200,6 +200,7 @@ bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record) const {
 void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
   if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
   Lock lock(registry);
+  if (static_cast<size_t>(entry->fd) >= iofiles.size()) return;  // never watched; -1 too
   handle_ready(&lock, entry, record);
 }
 

@@ -25,9 +25,7 @@ std::string describe(const VrnException& e) {
 }
 
 std::string describe(const std::exception& e) {
-  const char* type = typeid(e).name();
-  if (*type == '*') ++type;  // marks a type that is private to one object file
-  return std::string(type) + "=" + e.what();
+  return std::string(typeid(e).name()) + "=" + e.what();
 }
 
 const char* given(const char* fmt) {

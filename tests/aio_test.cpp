@@ -860,6 +860,90 @@ TEST_F(AioTest, WatcherAndFileMayOutliveTheEventManager) {
   VrnEvtMgr::destroy();
 }
 
+// ---- numbers that are used again within a turn ----
+
+// What is left of an event is not for a file that has its number now.
+class ReusedNumberTest : public AioTest {
+ protected:
+  // The file ends, and another one of its number is watched, at once.
+  void replace() {
+    const int number = old->file.fd;
+    old.reset();
+    successor = std::make_unique<Connection>("new");
+    ASSERT_EQ(successor->file.fd, number);
+    start(&successor->file, &next);
+  }
+
+  // Runs on until the new file is read.
+  void run_until_it_is_read() {
+    loop.when([this] { return successor != nullptr; }, [this] { successor->send("y"); });
+    loop.run_until([this] { return next.received == "y"; });
+  }
+
+  std::unique_ptr<Connection> old = std::make_unique<Connection>("old"), successor;
+  RecordingAIO reader{RecordingAIO::Input, "reader"};
+  RecordingAIO writer{RecordingAIO::Output, "writer"};
+  RecordingAIO next{RecordingAIO::Input, "next"};
+};
+
+TEST_F(ReusedNumberTest, ByTheOutputWatcherOfAFileThatIsReadableToo) {
+  writer.on_ready = [this](VrnFile*) { replace(); };
+  old->send("x");
+  loop.on_dispatcher([this] {
+    start(&old->file, &reader);
+    start(&old->file, &writer);
+  });
+  run_until_it_is_read();
+  EXPECT_EQ(writer.ready, 1);
+  EXPECT_EQ(reader.ready, 0);
+  EXPECT_EQ(next.ready, 1);
+}
+
+TEST_F(ReusedNumberTest, ByTheFirstWatcherThatIsToldOfAHangUp) {
+  RecordingAIO next_writer(RecordingAIO::Output, "next writer");
+  next_writer.on_ready = [](VrnFile*) {};
+  reader.on_cancelled = [&] {
+    replace();
+    start(&successor->file, &next_writer);
+  };
+  loop.on_dispatcher([this] {
+    start(&old->file, &reader);
+    start(&old->file, &writer);
+    handle(old->file, POLLHUP);
+  });
+  run_until_it_is_read();
+  EXPECT_EQ(reader.cancelled.size(), 1U);
+  EXPECT_TRUE(writer.cancelled.empty());
+  EXPECT_TRUE(next_writer.cancelled.empty());
+}
+
+TEST_F(ReusedNumberTest, ByAWatcherThatThenThrows) {
+  reader.on_ready = [this](VrnFile*) {
+    replace();
+    throw std::string("bad");
+  };
+  old->send("x");
+  loop.on_dispatcher([this] { start(&old->file, &reader); });
+  run_until_it_is_read();
+  EXPECT_TRUE(log.contains("EvtMgr: IO task threw [string=bad]"));
+  EXPECT_TRUE(is_open(successor->file.fd));
+}
+
+TEST_F(AioTest, EntryOfAWatchThatHasEndedCallsNobody) {
+  Connection connection;
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  start(&connection.file, &reader);
+  handle(connection.file, POLLOUT);
+  stop(&connection.file, &reader);
+  handle(connection.file, POLLIN | POLLHUP);
+  start(&connection.file, &reader);  // the next watch
+  handle(connection.file, POLLIN);
+  handle(connection.file, POLLHUP);
+  EXPECT_EQ(reader.ready, 0);
+  EXPECT_TRUE(reader.cancelled.empty());
+  stop(&connection.file, &reader);
+}
+
 // ---- misuse ----
 
 TEST_F(AioTest, NullAndUnassignedAreRefusedByName) {
@@ -876,7 +960,20 @@ TEST_F(AioTest, NullAndUnassignedAreRefusedByName) {
             (Failure{3, "EvtMgr: Null AIO for file=conn"}));
   EXPECT_EQ(failure_of([&] { loop.mgr->startAIO(&unassigned, &reader); }),
             (Failure{3, "EvtMgr: File _UNASSIGNED_ has no descriptor for AIO=reader"}));
-  EXPECT_EQ(failure_of([&] { loop.mgr->handleIO(nullptr, nullptr); }).first, 3);
+  EXPECT_EQ(failure_of([&] { loop.mgr->startAIO(nullptr, nullptr); }),
+            (Failure{3, "EvtMgr: Null AIO for file=<NULL>"}));
+  EXPECT_EQ(failure_of([&] { loop.mgr->syncstartAIO(&unassigned, &reader); }),
+            (Failure{3, "EvtMgr: File _UNASSIGNED_ has no descriptor for AIO=reader"}));
+  const Failure null_entry{3, "EvtMgr: Null entry to handle"};
+  pollfd entry{};
+  VrnEvtMgrNative::iofile_t record;
+  EXPECT_EQ(failure_of([&] { loop.mgr->handleIO(nullptr, nullptr); }), null_entry);
+  EXPECT_EQ(failure_of([&] { loop.mgr->handleIO(nullptr, &record); }), null_entry);
+  EXPECT_EQ(failure_of([&] { loop.mgr->handleIO(&entry, nullptr); }), null_entry);
+  for (const int fd : {-1, 1 << 20}) {  // numbers that nobody has watched
+    entry = {fd, POLLIN, POLLIN | POLLOUT | POLLHUP};
+    EXPECT_NO_THROW(loop.mgr->handleIO(&entry, &record));
+  }
   EXPECT_TRUE(stop(&unassigned, &reader));
 }
 

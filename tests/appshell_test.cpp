@@ -3,7 +3,9 @@
 
 #include "vornfc/appshell.h"
 
+#include "support/allocations.h"
 #include "support/log_capture.h"
+#include "support/manager.h"
 #include "vornfc/config.h"
 #include "vornfc/evtmgr.h"
 #include "vornfc/exception.h"
@@ -13,6 +15,7 @@
 #include "vornfc/utils.h"
 #include "vornsupport/support.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -27,6 +30,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -230,6 +234,23 @@ TEST_F(AppShellTest, ObjectWithoutProjectAndDescriptionIsRefused) {
   EXPECT_EQ(failure_of([] { const VrnAppShell app(nullptr, nullptr, "1.2", nullptr); }),
             Failure(3, "AppShell: project-name and app-description both null"));
   EXPECT_EQ(VrnAppShell::singleton, nullptr);
+}
+
+// Nobody may find an object that was not constructed.
+TEST_F(AppShellTest, ObjectThatMemoryIsShortForIsNone) {
+  REQUIRE_COUNTED_ALLOCATIONS();
+  int failures = 0;
+  for (long number = 1; number <= 2; ++number) {
+    sys::fail_allocation(number);
+    try {
+      const VrnAppShell app(nullptr, "a", nullptr, "A title that needs memory of its own");
+    } catch (const std::bad_alloc&) {
+      ++failures;
+    }
+    sys::fail_allocation(0);
+    EXPECT_EQ(VrnAppShell::singleton, nullptr);
+  }
+  EXPECT_EQ(failures, 2);
 }
 
 TEST_F(AppShellTest, ConstructionAndDestructionAreTraced) {
@@ -440,6 +461,79 @@ TEST_F(AppShellTest, FailedStartLeavesTimersThatCanBeDestroyed) {
   EXPECT_EQ(app.run(), 1);
 }
 
+TEST_F(AppShellTest, TimerDestroyedBeforeTheLoopThatIsToRunItEndsTheProcess) {
+  struct Timer : VrnTimer {
+    Timer() : VrnTimer("t") {}
+    void timerExpired() override {}
+    void timerStopped() override {}
+  };
+  const auto start_and_destroy = [] {
+    App app;
+    app.on_init = [] { Timer().startTimer(60, 0, 0, 0); };
+    app.run();
+  };
+  EXPECT_EXIT(start_and_destroy(), testing::ExitedWithCode(1),
+              "VrnTimer destroyed while active - ABORT APP !");
+}
+
+// The library's main(): this test program has another one.
+int library_main(int argc, char** argv) {
+  void* const library = dlopen("libvornfc_mt.so.1", RTLD_NOW | RTLD_NOLOAD);
+  EXPECT_NE(library, nullptr);
+  void* const entry = library ? dlsym(library, "main") : nullptr;
+  EXPECT_NE(entry, nullptr);
+  if (!entry) return -1;
+  return reinterpret_cast<int (*)(int, char**)>(entry)(argc, argv);
+}
+
+TEST_F(AppShellTest, MainTakesTheProgramsNameFromItsPath) {
+  static char path[] = "/usr/sbin/served";  // the name outlives the call
+  char* argv[] = {path, nullptr};
+  App app;
+  EXPECT_EQ(library_main(1, argv), 0);
+  EXPECT_STREQ(gnl_prognam, "served");
+  EXPECT_EQ(app.hooks, all_hooks);
+}
+
+TEST_F(AppShellTest, MainWithoutAnyArgumentHasAnEmptyName) {
+  char* argv[] = {nullptr};
+  App app;
+  EXPECT_EQ(library_main(0, argv), 0);
+  EXPECT_STREQ(gnl_prognam, "");
+  EXPECT_EQ(app.hooks, all_hooks);
+}
+
+// ---- an event manager of the application's own ----
+
+TEST_F(AppShellTest, EventManagerOfTheApplicationsOwnIsRunAndStopped) {
+  App app;
+  app.dispatches = true;
+  auto* const manager = new StandInManager;  // the shell deletes it
+  Lines calls;
+  manager->on_run = [&] { calls.push_back("run"); };
+  manager->on_end = [&] { calls.push_back("stop"); };
+  app.on_run = [&] {
+    EXPECT_EQ(VrnAppShell::evtmgr, manager);
+    app.appTerminate();
+  };
+  EXPECT_EQ(app.run(), 0);
+  EXPECT_EQ(calls, (Lines{"stop", "run"}));
+}
+
+TEST_F(AppShellTest, StopThatThrowsOverABadWordIsLoggedAndEndsTheStart) {
+  LogCapture log;
+  App app;
+  auto* const manager = new StandInManager;
+  manager->on_end = [] { throw std::string("no stop"); };
+  app.word_result = 3;  // not recognised
+  EXPECT_EQ(app.run({"word"}), 1);
+  EXPECT_TRUE(log.contains(" - Unexpected command-line parameter=1 (word)"));
+  expect_in_order(
+      log, {"AppShell: terminate() threw [string=no stop]",
+            "Invalid command-line [parameter 1 rejected: word]", "AppShell.start: string=no stop"});
+  EXPECT_EQ(app.hooks, (Lines{"appSetup", "appTerminated"}));
+}
+
 // ---- stop requests ----
 
 TEST_F(AppShellTest, StopInAppSetupEndsTheStartAfterTheCommandLine) {
@@ -534,6 +628,18 @@ TEST_F(AppShellTest, UsageWithoutATitleLeavesItsLineOut) {
   LogCapture log;
   app.VrnAppShell::appUsage();
   EXPECT_EQ(log.raw(), std::string("\n") + usage_of_app);
+}
+
+TEST_F(AppShellTest, UsageOfAProgramWithoutAName) {
+  gnl_prognam = nullptr;
+  App app("proj");
+  LogCapture log;
+  app.VrnAppShell::appUsage();
+  std::string expected = std::string("\nproj\n") + usage_of_app;
+  for (size_t at; (at = expected.find("\napp ")) != expected.npos;) {
+    expected.replace(at + 1, 3, "<NULL>");
+  }
+  EXPECT_EQ(log.raw(), expected);
 }
 
 TEST_F(AppShellTest, MalformedCommandLineIsPrintedWithTheUsage) {

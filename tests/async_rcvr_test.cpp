@@ -2,6 +2,7 @@
 
 #include "support/log_capture.h"
 #include "support/loop.h"
+#include "support/manager.h"
 #include "vornfc/appshell.h"
 #include "vornfc/exception.h"
 
@@ -402,6 +403,126 @@ TEST_F(AsyncReceiverDeathTest, DestroyedWhileItsStopsAreUnderWay) {
   };
   EXPECT_EXIT(destroy_while_active(), testing::ExitedWithCode(1),
               "VrnAsyncRcvr destroyed while active - ABORT APP !");
+}
+
+TEST_F(AsyncReceiverTest, FileWithoutADescriptorIsRefused) {
+  VrnFile unassigned;
+  RecordingReceiver receiver("receiver");
+  const Failure refused{3, "EvtMgr: File _UNASSIGNED_ has no descriptor for AIO=receiver"};
+  EXPECT_EQ(failure_of([&] { receiver.aioStart(&unassigned); }), refused);
+  EXPECT_EQ(receiver.aioFiles(), 0);
+}
+
+// ---- starts and stops that fail ----
+
+// What comes meanwhile on another thread comes inside the answer of the event manager here.
+class AnsweredReceiverTest : public testing::Test {
+ protected:
+  static bool refuse() { throw VrnException(3, "refused"); }
+
+  void start() { receiver->aioStart(file); }
+  void confirm_end() { static_cast<VrnAIO*>(receiver.get())->aioCancelled(file, false, false); }
+
+  // The file's stop is under way.
+  void start_and_stop() {
+    start();
+    manager.on_stop = [](VrnFile*, VrnAIO*) { return false; };
+    EXPECT_FALSE(receiver->aioStop(file));
+  }
+
+  LogCapture log;
+  StandInManager manager;
+  Connection connection{"conn"};
+  VrnFile* const file = &connection.file;
+  const Failure refusal{3, "refused"};
+  std::unique_ptr<RecordingReceiver> receiver = std::make_unique<RecordingReceiver>("receiver");
+};
+
+using AnsweredReceiverDeathTest = AnsweredReceiverTest;
+
+TEST_F(AnsweredReceiverTest, RefusedStartLeavesTheFileOut) {
+  manager.on_start = [](VrnFile*, VrnAIO*) { return refuse(); };
+  EXPECT_EQ(failure_of([&] { start(); }), refusal);
+  EXPECT_FALSE(receiver->aioFile(file));
+}
+
+TEST_F(AnsweredReceiverTest, RefusedSecondStartLeavesTheFileIn) {
+  start();
+  manager.on_start = [](VrnFile*, VrnAIO*) { return refuse(); };
+  EXPECT_EQ(failure_of([&] { start(); }), refusal);
+  EXPECT_TRUE(receiver->aioFile(file));
+}
+
+TEST_F(AnsweredReceiverTest, RefusedRestartDoesNotOutliveTheStop) {
+  start_and_stop();
+  manager.on_start = [](VrnFile*, VrnAIO*) { return refuse(); };
+  EXPECT_EQ(failure_of([&] { start(); }), refusal);
+  EXPECT_TRUE(receiver->aioFile(file));  // until the end of the stop
+  confirm_end();
+  EXPECT_FALSE(receiver->aioFile(file));
+  EXPECT_EQ(receiver->removed, (Removals{{file, false, false}}));
+}
+
+TEST_F(AnsweredReceiverTest, RefusedRestartWhoseStopEndsMeanwhile) {
+  start_and_stop();
+  manager.on_start = [&](VrnFile*, VrnAIO*) {
+    confirm_end();
+    return refuse();
+  };
+  EXPECT_EQ(failure_of([&] { start(); }), refusal);
+  EXPECT_FALSE(receiver->aioFile(file));
+}
+
+TEST_F(AnsweredReceiverTest, StartThatEndsBeforeItsAnswer) {
+  manager.on_start = [&](VrnFile*, VrnAIO*) {
+    confirm_end();
+    return false;
+  };
+  start();
+  EXPECT_FALSE(receiver->aioFile(file));
+  manager.on_start = [&](VrnFile*, VrnAIO*) {
+    confirm_end();
+    return refuse();
+  };
+  EXPECT_EQ(failure_of([&] { start(); }), refusal);
+  EXPECT_FALSE(receiver->aioFile(file));
+}
+
+TEST_F(AnsweredReceiverTest, StopWhoseFileLeavesBeforeItsAnswer) {
+  start();
+  manager.on_stop = [&](VrnFile*, VrnAIO*) {
+    confirm_end();
+    return true;
+  };
+  EXPECT_TRUE(receiver->aioStop(file));
+  EXPECT_EQ(receiver->aioFiles(), 0);
+  start();
+  manager.on_stop = [&](VrnFile*, VrnAIO*) {
+    confirm_end();
+    return refuse();
+  };
+  EXPECT_EQ(failure_of([&] { receiver->aioStop(file); }), refusal);
+  EXPECT_EQ(receiver->aioFiles(), 0);
+}
+
+// Which files can be watched is for the event manager to tell.
+TEST_F(AnsweredReceiverTest, FileWithoutADescriptorThatIsAccepted) {
+  VrnFile unassigned;
+  receiver->aioStart(&unassigned);
+  EXPECT_TRUE(receiver->aioFile(&unassigned));
+  EXPECT_TRUE(receiver->aioStop(&unassigned));
+  EXPECT_FALSE(receiver->aioFile(&unassigned));
+}
+
+TEST_F(AnsweredReceiverDeathTest, StopThatThrowsInTheDestructorEndsTheProcess) {
+  start();
+  const auto destroy = [&] {
+    manager.on_stop = [](VrnFile*, VrnAIO*) { return refuse(); };
+    receiver.reset();
+  };
+  EXPECT_EXIT(destroy(), testing::ExitedWithCode(1),
+              "VrnAsyncRcvr: Failed to stop receiver \\[VrnException: Error=3 .* - refused\\]\n"
+              ".*VrnAsyncRcvr destroyed while active - ABORT APP !\n");
 }
 
 }  // namespace

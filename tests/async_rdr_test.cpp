@@ -53,6 +53,7 @@ struct Reads {
   int errno_before = 0;
   int failures = 0, error = 0;
   ssize_t result = -1;
+  Call during;  // made by the next one that does not fail
 };
 
 Reads reads;
@@ -72,6 +73,7 @@ extern "C" ssize_t read(int fd, void* buf, size_t count) {
       errno = reads.error;
       return reads.result;
     }
+    if (const auto call = std::exchange(reads.during, nullptr)) call();
   }
   return sys::forward("read", &read, fd, buf, count);
 }
@@ -1213,6 +1215,28 @@ TEST_F(AsyncReaderTest, ReaderWithoutALoopIsIdleInTheEnd) {
   loop.run_calls();
   reader.aioRequest(file, 3, buffer);
   EXPECT_EQ(reader.aioTerminate(), 0);
+  EXPECT_EQ(reader.aioFiles(), 0);
+}
+
+TEST_F(AsyncReaderTest, FileThatAnotherThreadDestroysDuringItsRead) {
+  auto doomed = std::make_unique<Connection>("doomed");
+  RecordingReader reader;
+  std::thread other;
+  reads.fd = doomed->file.fd;
+  reads.during = [&] {
+    other = std::thread([&] { doomed.reset(); });
+    EXPECT_TRUE(wait_for([&] { return reader.aioFiles(true) == 0; }));
+  };
+  doomed->send("x");
+  loop.on_dispatcher([&] { reader.aioRequest(&doomed->file, 3, buffer); });
+  loop.when([&] { return other.joinable(); },
+            [&] {
+              other.join();
+              reads.fd = -1;
+            });
+  loop.run_calls();
+  EXPECT_EQ(reader.received, Texts{});
+  EXPECT_EQ(reader.removed, Removals{});
   EXPECT_EQ(reader.aioFiles(), 0);
 }
 

@@ -395,6 +395,21 @@ TEST_F(AsyncWriterTest, IsNamedAfterItsFile) {
                            std::to_string(channel.file->fd) + "=chan"));
 }
 
+// Its number is beyond those that the event manager has met.
+TEST_F(AsyncWriterTest, EndsWhileItsStartOnAHighDescriptorIsOnItsWay) {
+  VrnFile high;
+  high.assign(fcntl(channel.file->fd, F_DUPFD_CLOEXEC, 500), "high", true);
+  channel.fill();
+  auto writer = std::make_unique<VrnAsyncWriter>(&high, false);
+  loop.on_dispatcher([&] {
+    EXPECT_EQ(send(writer.get(), "x"), 0);
+    elsewhere([&] { writer.reset(); });
+  });
+  loop.run_calls();
+  EXPECT_EQ(lines_with("threw"), 0U);
+  EXPECT_EQ(lines_with("remains"), 0U);
+}
+
 TEST_F(AsyncWriterTest, NullFileIsRefused) {
   EXPECT_EQ(failure_of([] { VrnAsyncWriter(nullptr, true); }),
             (Failure{3, "AsyncWriter: Null file"}));
@@ -1236,6 +1251,19 @@ TEST_F(AsyncWriterRequestTest, StopThatThrowsInADrainIsAnError) {
   EXPECT_EQ(writer->error(), Dropped);
   EXPECT_EQ(send("second"), Dropped);
   writer.reset();  // asks for nothing
+  EXPECT_EQ(manager.asked, "start stop ");
+}
+
+TEST_F(AsyncWriterRequestTest, WatchThatFailsDuringItsStopIsAnError) {
+  writes.answers = {takes(1)};
+  send("first");
+  manager.result = false;
+  drain();
+  writes.answers = {takes(1)};
+  send("second");
+  writer->aioCancelled(file, false, true);
+  EXPECT_EQ(writer->error(), Dropped);
+  EXPECT_EQ(writer->queuedMsgs(), 0);
   EXPECT_EQ(manager.asked, "start stop ");
 }
 

@@ -3,6 +3,7 @@
 #include "support/faults.h"
 #include "support/log_capture.h"
 #include "support/loop.h"
+#include "support/manager.h"
 #include "support/planned_call.h"
 #include "support/wait_for.h"
 #include "vornfc/appshell.h"
@@ -1474,6 +1475,71 @@ TEST_F(AsyncConnectTest, DestroyedForALoopThatNeverRuns) {
   VrnEvtMgr::destroy();
   EXPECT_EQ(TrackedSocket::live, 0);
   EXPECT_EQ(client.outcomes, Outcomes{});
+}
+
+// ---- another event manager ----
+
+class AnsweredConnectTest : public testing::Test {
+ protected:
+  AnsweredConnectTest() {
+    manager.on_start = [this](VrnFile*, VrnAIO* aio) {
+      watcher = aio;
+      return true;
+    };
+  }
+
+  void connect() {
+    sys::fail_next("connect", EINPROGRESS);
+    EXPECT_EQ(socket.connect(&client, 0), 0);
+    EXPECT_EQ(client.outcomes, Outcomes{});
+  }
+
+  LogCapture log;
+  StandInManager manager;
+  RecordingClient client;
+  VrnAIO* watcher = nullptr;
+  VrnClientSocket socket{nullptr, 9, Udp};
+};
+
+using AnsweredConnectDeathTest = AnsweredConnectTest;
+
+TEST_F(AnsweredConnectTest, StopThatIsDoneAtOnceIsNotWaitedFor) {
+  connect();
+  watcher->aioReady(&socket);
+  EXPECT_EQ(client.outcomes, (Outcomes{{&socket, 0}}));
+  watcher->aioReady(&socket);
+  watcher->aioCancelled(&socket, true, false);
+  EXPECT_EQ(client.outcomes.size(), 1u);
+}
+
+TEST_F(AnsweredConnectTest, ManagerThatIsGoneNeedsNoStop) {
+  connect();
+  VrnAppShell::evtmgr = nullptr;
+  manager.on_stop = [](VrnFile*, VrnAIO*) {
+    ADD_FAILURE() << "the manager is gone";
+    return false;
+  };
+  watcher->aioReady(&socket);
+  EXPECT_EQ(client.outcomes, (Outcomes{{&socket, 0}}));
+}
+
+TEST_F(AnsweredConnectTest, LostWatchIsADrop) {
+  connect();
+  watcher->aioCancelled(&socket, true, false);
+  EXPECT_EQ(client.outcomes, (Outcomes{{&socket, Dropped}}));
+}
+
+TEST_F(AnsweredConnectDeathTest, StopThatThrowsInTheDestructorEndsTheProcess) {
+  manager.on_stop = [](VrnFile*, VrnAIO*) -> bool { throw VrnException(3, "refused"); };
+  const auto connect_and_delete = [&] {
+    VrnClientSocket doomed(nullptr, 9, Udp);
+    sys::fail_next("connect", EINPROGRESS);
+    doomed.connect(&client, 0);
+  };
+  EXPECT_EXIT(connect_and_delete(), testing::ExitedWithCode(1),
+              "ClientSocket: Failed to stop C/UDP-127.0.0.1:9 "
+              "\\[VrnException: Error=3 .* - refused\\]\n"
+              ".*ClientSocket destroyed while active - ABORT APP !\n");
 }
 
 // ---- deleting a socket that still waits ----

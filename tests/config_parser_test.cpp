@@ -142,13 +142,15 @@ TEST(ConfigParserTest, LastLineWithANulByteAndNoLineEndIsTooLong) {
   EXPECT_EQ(Parsed("[g]\nk=a" + std::string(1, '\0')).errors, Texts{"2: Line too long, max=1601"});
 }
 
-// A stream that fails with EIO behind `text`.
+int stream_error = EIO;
+
+// A stream that fails with `stream_error` behind `text`.
 std::FILE* failing_stream(std::string* text) {
   cookie_io_functions_t io = {};
   io.read = [](void* cookie, char* buf, size_t size) -> ssize_t {
     auto* rest = static_cast<std::string*>(cookie);
     if (rest->empty()) {
-      errno = EIO;
+      errno = stream_error;
       return -1;
     }
     const std::size_t count = std::min(size, rest->size());
@@ -175,6 +177,19 @@ TEST(ConfigParserTest, ReadErrorNamesTheLineThatItInterrupts) {
     std::fclose(in);
     EXPECT_EQ(collector.errors, errors);
   }
+}
+
+// The C library then returns the part of a line that it has.
+TEST(ConfigParserTest, LineThatWouldBlockIsAReadErrorToo) {
+  stream_error = EAGAIN;
+  std::string rest = "[g]\na=1\nb=";
+  std::FILE* in = failing_stream(&rest);
+  Collector collector;
+  ConfigContent content;
+  ConfigParser(in, &content, &collector).parse_file();
+  std::fclose(in);
+  EXPECT_EQ(collector.errors, Texts{"3: Read error [Resource temporarily unavailable]"});
+  EXPECT_EQ(collector.items, Texts{"2: g.a|1"});
 }
 
 TEST(ConfigParserTest, ExceptionOfTheSinkLeavesTheParser) {

@@ -14,7 +14,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -387,6 +389,57 @@ TEST_F(ConfigTest, NamesAreFoundInEitherCase) {
   EXPECT_FALSE(config.exists("net", "hosts"));
   EXPECT_FALSE(config.exists("nets", "host"));
   EXPECT_EQ(config.value("NET", "HOST", true, 0), "a");
+}
+
+TEST_F(ConfigTest, ManyNamesAreFound) {
+  std::string text;
+  for (int group = 0; group < 100; ++group) {
+    text += "[group" + std::to_string(group) + "]\n";
+    for (int item = 0; item < 100; ++item) {
+      text +=
+          "item" + std::to_string(item) + "=" + std::string(20, 'v') + std::to_string(item) + "\n";
+    }
+  }
+  const VrnConfig config = parse(text);
+  for (int group = 0; group < 100; ++group) {
+    for (int item = 0; item < 100; ++item) {
+      EXPECT_EQ(
+          config.value("GROUP" + std::to_string(group), "Item" + std::to_string(item), true, 0),
+          std::string(20, 'v') + std::to_string(item));
+    }
+  }
+  EXPECT_EQ(config.value("group0", "item100", false, 0), "");
+}
+
+// The locale is that of the application. One of eight bits is made for the test.
+class ConfigLocaleTest : public ConfigTest {
+ protected:
+  // False: the system has nothing to make it of.
+  bool use_locale(const std::string& language, const std::string& charset) const {
+    const std::string name = dir + "/" + language;
+    const std::string make = "localedef --no-archive -i " + language + " -f " + charset + " " +
+                             name + " >/dev/null 2>&1";
+    // NOLINTNEXTLINE(cert-env33-c,concurrency-mt-unsafe)
+    if (std::system(make.c_str()) != 0) return false;
+    setenv("LOCPATH", dir.c_str(), 1);
+    return std::setlocale(LC_ALL, language.c_str()) != nullptr;
+  }
+};
+
+TEST_F(ConfigLocaleTest, NamesAreFoundInEitherCaseOfTheLocale) {
+  if (!use_locale("de_DE", "ISO-8859-1")) GTEST_SKIP() << "localedef cannot make de_DE";
+  const VrnConfig config = parse("[\xd6l]\ns\xe4ule=1\n\xd7=2\n");
+  EXPECT_EQ(config.value("\xf6l", "S\xc4ULE", true, 0), "1");
+  EXPECT_EQ(config.value("\xd6l", "\xd7", true, 0), "2");
+  EXPECT_EQ(config.value("\xd6l", "\xf7", false, 0), "");  // these two have no case
+  expect_fault("[\xd6l]\n[\xf6l]\n", 2, "Duplicate \xf6l group");
+}
+
+TEST_F(ConfigLocaleTest, TurkishHasTwoLettersI) {
+  if (!use_locale("tr_TR", "ISO-8859-9")) GTEST_SKIP() << "localedef cannot make tr_TR";
+  const VrnConfig config = parse("[g]\nI=1\ni=2\n");
+  EXPECT_EQ(config.value("g", "\xfd", true, 0), "1");  // without a dot
+  EXPECT_EQ(config.value("g", "\xdd", true, 0), "2");  // with a dot
 }
 
 TEST_F(ConfigTest, NamesAreListedInTheOrderAndTheCaseOfTheFile) {

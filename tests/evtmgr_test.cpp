@@ -595,6 +595,28 @@ TEST_F(EvtMgrTest, RegistrarThatCannotStartEndsTheLoop) {
   EXPECT_TRUE(log.contains("EvtMgr: After dispatcher shutdown, tmrq=0, pollfds=1"));
 }
 
+// Nor can it end a watch of the pipe that is another watcher's.
+TEST_F(EvtMgrTest, PipeThatAnotherWatcherHoldsEndsTheLoop) {
+  VrnFile alias;
+  alias.assign(loop.pipe_read_end, "alias", false);
+  RecordingAIO thief(RecordingAIO::Input, "thief");
+  elsewhere([&] { loop.mgr->startAIO(&alias, &thief); });
+  loop.run();
+  EXPECT_TRUE(log.contains(" - EvtMgr conflict: AIO on fd ARhelper="));
+  EXPECT_TRUE(log.contains(" - EvtMgr: iomon=ARhelper doesn't own fd-0 ARhelper=" +
+                           std::to_string(loop.pipe_read_end) + " - owner=thief]"));
+  EXPECT_TRUE(log.contains("- EvtMgr: Receiver=thief remains - fd "));
+}
+
+// ---- forked processes ----
+
+TEST_F(InstanceTest, ProcessForkedWithoutAManagerMayMakeOne) {
+  ASSERT_NE(VrnEvtMgr::instance(0), nullptr);
+  VrnEvtMgr::destroy();
+  const auto make_one = [] { std::exit(VrnEvtMgr::instance(0) ? 0 : 1); };
+  EXPECT_EXIT(make_one(), testing::ExitedWithCode(0), "");
+}
+
 // ---- timers that throw ----
 
 TEST_F(EvtMgrTest, TimerThatThrowsIsLoggedAndTheOthersFire) {

@@ -258,6 +258,19 @@ TEST_F(LogTest, PercentSignsInTextsAreText) {
   EXPECT_EQ(slurp(path("log")), "%n INFO 100%s%n-" + ids() + "%s%n%99999d\n");
 }
 
+// What it leaves of the text is the system's to tell.
+TEST_F(LogTest, FormatThatEndsInAConversionLeavesAWholeRecord) {
+  VrnLog log("app", path("log").c_str(), NEVER, 3, "", NONE);
+  for (const char* const format : {"full: 100%", "full: 100%l"}) log.log(3, format, 0L);
+  log.log(3, "next");
+  const Texts found = messages("log");
+  ASSERT_EQ(found.size(), 3u);
+  for (const size_t i : {0u, 1u}) {
+    EXPECT_EQ(std::string("full: 100%l").compare(0, found[i].size(), found[i]), 0) << found[i];
+  }
+  EXPECT_EQ(found[2], "next");
+}
+
 TEST_F(LogTest, NullFormatIsSaidSo) {
   VrnLog log("app", path("log").c_str(), NEVER, 3, "", NONE);
   const char* format = nullptr;

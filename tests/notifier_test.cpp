@@ -3,19 +3,46 @@
 #include "support/log_capture.h"
 #include "vornfc/exception.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
+
+namespace {
+
+bool error_checking = false;  // a second lock of a mutex made meanwhile fails
+
+}  // namespace
+
+// The library makes its mutexes by this definition.
+extern "C" int pthread_mutex_init(pthread_mutex_t* mutex,
+                                  const pthread_mutexattr_t* attr) noexcept {
+  static const auto init = reinterpret_cast<int (*)(pthread_mutex_t*, const pthread_mutexattr_t*)>(
+      dlsym(RTLD_NEXT, "pthread_mutex_init"));
+  if (!error_checking) return init(mutex, attr);
+  pthread_mutexattr_t checked;
+  pthread_mutexattr_init(&checked);
+  pthread_mutexattr_settype(&checked, PTHREAD_MUTEX_ERRORCHECK);
+  return init(mutex, &checked);
+}
+
+// The misuse of mutexes is on purpose here: the thread sanitizer must not report it.
+extern "C" const char* __tsan_default_options();  // NOLINT(bugprone-reserved-identifier)
+extern "C" const char* __tsan_default_options() {
+  return "report_mutex_bugs=0:report_destroy_locked=0";
+}
 
 namespace vornfc {
 namespace {
@@ -293,6 +320,21 @@ TEST_F(NotifierTest, FailureToDetachIsLoggedAndTheOthersHearOfIt) {
   EXPECT_EQ(calls_of([&] { notifier.reset(); }), (Lines{"detached a", "detached b", "detached c"}));
   EXPECT_EQ(log.lines(),
             Lines{std::string("VrnNotifier: Problem detaching a [") + failure_text + "]"});
+}
+
+// An observer that destroys the notifier while its lock is held.
+TEST_F(NotifierTest, DestructorThatCannotTakeTheLockSaysSo) {
+  error_checking = true;
+  notifier = std::make_unique<VrnNotifier>("cfg");
+  notifier->attach(&a);
+  a.on_detached = [&] {
+    notifier.reset();
+    std::exit(0);
+  };
+  EXPECT_EXIT(*notifier = VrnNotifier("other"), testing::ExitedWithCode(0),
+              "VrnNotifier: Problem destroying cfg \\[VrnException: Error=2 "
+              "\\(errno=[0-9]+\\) - mutex.lock: lock failed on  \\(35\\)\\]");
+  a.on_detached = nullptr;
 }
 
 TEST_F(NotifierTest, ObserverIsDetachedWithTheLockHeld) {

@@ -1,4 +1,5 @@
 // The wait for many descriptors: with the kernel's queue, everything is as with poll() alone.
+#include "support/faults.h"
 #include "support/loop.h"
 #include "vornfc/appshell.h"
 #include "vornfc/evtmgr_native.h"
@@ -13,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <deque>
 #include <memory>
@@ -233,6 +235,100 @@ TEST_F(ReadyWaitTest, ARegularFileIsAlwaysReady) {
   loop.on_dispatcher([&] { receiver.aioStart(&regular); });
   loop.when([&] { return ready > Turns; }, [&] { receiver.aioStop(&regular); });
   loop.run_until([&] { return !receiver.removed.empty(); });
+}
+
+TEST_F(ReadyWaitTest, AWatcherThatIsAddedToAnIdleFileIsCalled) {
+  RecordingAIO writer(RecordingAIO::Output, "writer");
+  VrnFile* const file = &connections[7]->file;
+  writer.on_ready = [&](VrnFile* ready) {
+    EXPECT_EQ(ready, file);
+    loop.mgr->stopAIO(ready, &writer);
+  };
+  loop.on_dispatcher([&] { loop.mgr->startAIO(file, &writer); });
+  loop.when([&] { return writer.cancelled.size() == 1; }, [&] { connections[7]->send("x"); });
+  loop.run_until([&] { return receiver.received == "x"; });
+  EXPECT_EQ(writer.ready, 1);
+}
+
+// Fewer than need the queue, and more than it is given up for.
+TEST_F(ReadyWaitTest, WhenMostAreStoppedTheOthersAreHeard) {
+  constexpr size_t Left = 48;
+  loop.on_dispatcher([&] {
+    for (size_t i = Left; i < Many; ++i) receiver.aioStop(&connections[i]->file);
+  });
+  for (int i = 0; i < Turns; ++i) loop.on_dispatcher([] {});
+  loop.on_dispatcher([&] {
+    for (size_t i = 0; i < Left; ++i) connections[i]->send("x");
+  });
+  loop.run_until([&] { return receiver.received.size() == Left; });
+  EXPECT_EQ(receiver.removed.size(), Many - Left);
+}
+
+// The wait is cut into parts of a second, for a look at all of them.
+TEST_F(ReadyWaitTest, ATimerIsDueAtItsTimeWhileAllAreIdle) {
+  loop.use_own_clock({1000, 0});
+  CountingTimer timer("t");
+  timeval due{};
+  loop.on_dispatcher([&] {
+    timer.startTimer(2, 500000, 0, 0);
+    timer.getExpiryAbs(&due);
+  });
+  timer.on_expired = [&] {
+    EXPECT_EQ(loop.now.tv_sec, due.tv_sec);
+    EXPECT_EQ(loop.now.tv_usec, due.tv_usec);
+  };
+  loop.run_until([&] { return timer.expired == 1; });
+}
+
+// ---- a queue that refuses ----
+
+TEST_F(ReadyWaitTest, WhatTheQueueHasNoRoomForIsHeard) {
+  sys::fail_next("epoll_ctl", ENOSPC, 3 * Many);  // for every descriptor, more than once
+  loop.on_dispatcher([&] {
+    EXPECT_GT(sys::calls("epoll_ctl"), Many);  // it was tried again
+    for (const auto& connection : connections) connection->send("x");
+  });
+  loop.run_until([&] { return receiver.received.size() == Many; });
+}
+
+TEST_F(ReadyWaitTest, WhatTheQueueDoesNotTakeIsNotTriedAgain) {
+  sys::fail_next("epoll_ctl", EPERM, 10000);
+  loop.on_dispatcher([&] {
+    EXPECT_GE(sys::calls("epoll_ctl"), Many);
+    EXPECT_LE(sys::calls("epoll_ctl"), Many + 1);  // and the registrar's pipe
+    for (const auto& connection : connections) connection->send("x");
+  });
+  loop.run_until([&] { return receiver.received.size() == Many; });
+}
+
+TEST_F(ReadyWaitTest, WithoutAQueueAllAreHeard) {
+  sys::fail_next("epoll_create1", EMFILE, 1000000);
+  loop.on_dispatcher([&] {
+    EXPECT_GT(sys::calls("epoll_create1"), 0);
+    EXPECT_EQ(sys::calls("epoll_ctl"), 0);
+    for (const auto& connection : connections) connection->send("x");
+  });
+  loop.run_until([&] { return receiver.received.size() == Many; });
+}
+
+// ---- settings ----
+
+int queues_made_with(const char* poll_only) {
+  setenv("VORN_EM_POLLONLY", poll_only, 1);
+  setenv("VORN_EM_POLLMAX", "0", 1);
+  Loop loop;
+  Connection idle;
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  elsewhere([&] { loop.mgr->startAIO(&idle.file, &reader); });
+  for (int i = 0; i < 10; ++i) loop.on_dispatcher([] {});
+  loop.run_calls();
+  return sys::calls("epoll_create1");
+}
+
+TEST(ReadyWaitSettingTest, PollOnlyIsNothingButY) {
+  EXPECT_EQ(queues_made_with("y"), 0);
+  EXPECT_EQ(queues_made_with("Y"), 0);
+  EXPECT_GT(queues_made_with("n"), 0);
 }
 
 TEST(ReadyWaitMemoryTest, AnIdleDescriptorTakesLessThan200Bytes) {

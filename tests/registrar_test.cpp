@@ -95,6 +95,16 @@ TEST_F(RegistrarTest, PipeThatCannotBeMade) {
   EXPECT_EQ(open_descriptors(), before);
 }
 
+TEST_F(RegistrarTest, WithoutANameItHasItsAddress) {
+  { const AsyncRegistrar registrar("first", loop.mgr); }  // as above
+  for (const char* const name : {static_cast<const char*>(nullptr), ""}) {
+    sys::fail_next("pipe", EMFILE);
+    const Failure failure = failure_of([&] { const AsyncRegistrar registrar(name, loop.mgr); });
+    EXPECT_EQ(failure.first, 2);
+    EXPECT_EQ(failure.second.find("EvtMgr: Failed to create 0x"), 0U) << failure.second;
+  }
+}
+
 TEST_F(RegistrarTest, PipeGoesWithTheRegistrar) {
   const std::vector<int> before = open_descriptors();
   { const AsyncRegistrar registrar("second", loop.mgr); }
@@ -156,6 +166,8 @@ TEST_F(RegistrarTest, NumberOfArgumentsIsChecked) {
   AsyncRegistrar registrar("second", loop.mgr);
   EXPECT_EQ(failure_of([&] { registrar.submit(AsyncRegistrar::StartTimer, 4); }),
             (Failure{3, "AsyncRegistrar: Bad number of arguments (4)"}));
+  EXPECT_EQ(failure_of([&] { registrar.submit(AsyncRegistrar::StartTimer, -1); }),
+            (Failure{3, "AsyncRegistrar: Bad number of arguments (-1)"}));
 }
 
 // A request that throws is logged, and those behind it are carried out.
@@ -191,6 +203,12 @@ TEST_F(RegistrarTest, RecordsAreCarriedOutDirectly) {
   EXPECT_EQ(reader.cancelled, (Cancellations{{&connection.file, false, false}}));
   EXPECT_EQ(registrar.processRequest(unknown.data()), 1);
   EXPECT_TRUE(has_line("AsyncRegistrar: Invalid request-type (9)"));
+}
+
+TEST_F(RegistrarTest, NullRecordIsRefused) {
+  AsyncRegistrar registrar("second", loop.mgr);
+  EXPECT_EQ(failure_of([&] { registrar.processRequest(nullptr); }),
+            (Failure{3, "AsyncRegistrar: Null request to carry out"}));
 }
 
 TEST_F(RegistrarTest, RecordInThePipeIsCarriedOut) {
@@ -235,6 +253,23 @@ TEST_F(RegistrarTest, UnknownTypeMayBeSubmitted) {
   EXPECT_TRUE(has_line("AsyncRegistrar: Invalid request-type (9)"));
 }
 
+TEST_F(RegistrarTest, UnknownTypeBehindARequestEndsTheLoopToo) {
+  AsyncRegistrar registrar("second", loop.mgr);
+  CountingTimer ahead("ahead");
+  CountingTimer behind("behind");
+  loop.on_dispatcher([&] {
+    registrar.start();
+    EXPECT_TRUE(registrar.submit(AsyncRegistrar::StartTimer, 1, static_cast<VrnTimer*>(&ahead)));
+    EXPECT_TRUE(registrar.submit(UNKNOWN_TYPE, 0));
+    EXPECT_TRUE(registrar.submit(AsyncRegistrar::StartTimer, 1, static_cast<VrnTimer*>(&behind)));
+  });
+  loop.run();
+  EXPECT_TRUE(has_line("AsyncRegistrar: Invalid request-type (9)"));
+  EXPECT_TRUE(has_line("AsyncRegistrar: Cancelled - hangup=No, err=Yes"));
+  EXPECT_TRUE(log.contains("timer=ahead remains"));
+  EXPECT_FALSE(log.contains("timer=behind remains"));
+}
+
 // Where only errors are logged, the expected end of the pipe is no line at all.
 class RegistrarErrorTest : public testing::Test {
  protected:
@@ -249,24 +284,51 @@ TEST_F(RegistrarErrorTest, ExpectedEndOfThePipeIsNoError) {
 }
 
 // Nothing is at the other end any more, though the registrar has not closed its own.
-TEST_F(RegistrarErrorTest, UnexpectedEndOfThePipeEndsTheLoop) {
-  const std::vector<int> before = open_descriptors();
-  AsyncRegistrar registrar("second", loop.mgr);
-  int write_end = -1;
-  for (const int fd : open_descriptors()) {
-    const bool is_new = !std::binary_search(before.begin(), before.end(), fd);
-    if (is_new && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) write_end = fd;
+class BrokenPipeTest : public RegistrarErrorTest {
+ protected:
+  BrokenPipeTest() {
+    for (const int fd : open_descriptors()) {
+      const bool is_new = !std::binary_search(before.begin(), before.end(), fd);
+      if (is_new && (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY) write_end = fd;
+    }
   }
-  ASSERT_NE(write_end, -1);
-  loop.on_dispatcher([&] {
-    registrar.start();
+
+  void break_pipe() const {
     const int other = open("/dev/null", O_WRONLY | O_CLOEXEC);
     ASSERT_EQ(dup2(other, write_end), write_end);
     close(other);
+  }
+
+  const std::vector<int> before = open_descriptors();
+  AsyncRegistrar registrar{"second", loop.mgr};
+  int write_end = -1;
+  const std::vector<std::string> expected_lines{"AsyncRegistrar: Cancelled - hangup=Yes, err=No"};
+};
+
+TEST_F(BrokenPipeTest, EndsTheLoop) {
+  loop.on_dispatcher([this] {
+    registrar.start();
+    break_pipe();
   });
   loop.run();
-  EXPECT_EQ(log.lines(),
-            std::vector<std::string>{"AsyncRegistrar: Cancelled - hangup=Yes, err=No"});
+  EXPECT_EQ(log.lines(), expected_lines);
+}
+
+// As many requests as one read takes: the next one finds the end.
+TEST_F(BrokenPipeTest, EndsTheLoopBehindTheRequestsThatItHolds) {
+  RecordingHandler handler;
+  loop.on_dispatcher([&] {
+    registrar.start();
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
+    const auto signo = reinterpret_cast<void*>(std::intptr_t{SIGUSR1});
+    const Record request =
+        record_of(AsyncRegistrar::StartSignal, static_cast<VrnSignalHandler*>(&handler), signo);
+    for (int i = 0; i < 16; ++i) put(write_end, request);
+    break_pipe();
+  });
+  loop.run();
+  EXPECT_EQ(log.lines(), expected_lines);
+  EXPECT_EQ(loop.mgr->sigRequest(false, false, &handler, SIGUSR1, false), &handler);
 }
 
 TEST_F(RegistrarTest, CancelledByAnErrorAtTheEndOfALoopThatFailed) {
@@ -293,6 +355,22 @@ TEST_F(RegistrarTest, StopInACallbackEndsTheLoopInALaterTurn) {
   EXPECT_EQ(loop.timeouts.size(), asked_in + 1);
   EXPECT_EQ(lines_with("Cancelled"),
             std::vector<std::string>{"AsyncRegistrar: Cancelled - hangup=Yes, err=No"});
+}
+
+// The start was accepted, and meanwhile another thread has ended the loop.
+TEST_F(RegistrarTest, StartThatComesToNothingIsToldToAWatcherOfTheLibrarys) {
+  Connection connection;
+  RecordingReceiver receiver("receiver");
+  CountingTimer timer("timer");
+  timer.on_stopped = [&] { elsewhere([&] { loop.mgr->stopDispatcher(); }); };
+  loop.on_dispatcher([&] { timer.startTimer(60, 0, 0, 0); });
+  loop.on_dispatcher([&] {
+    timer.stopTimer();
+    receiver.aioStart(&connection.file);
+  });
+  loop.run();
+  EXPECT_EQ(receiver.removed, (Cancellations{{&connection.file, false, true}}));
+  EXPECT_EQ(receiver.aioFiles(), 0);
 }
 
 TEST_F(RegistrarTest, StopMayBeAskedForTwice) {
@@ -584,14 +662,16 @@ TEST_F(RegistrarTest, RequestsMadeByConfirmations) {
 // The pipe is full of records that only end the wait.
 TEST_F(RegistrarTest, FullPipeTakesRequestsAllTheSame) {
   ASSERT_EQ(fcntl(loop.pipe_write_end, F_SETPIPE_SZ, 4096), 4096);
-  CountingTimer timer("timer");
+  CountingTimer first("first");
+  CountingTimer second("second");
   RecordingHandler handler;
   elsewhere([&] { loop.mgr->startSignal(&handler, SIGUSR1); });
   loop.on_dispatcher([&] {
     for (int i = 0; i < 1000; ++i) raise(SIGUSR1);
-    timer.startTimer(0, 0, 0, 0);
+    first.startTimer(0, 0, 0, 0);
+    second.startTimer(0, 0, 0, 0);
   });
-  loop.run_until([&] { return timer.expired == 1; });
+  loop.run_until([&] { return first.expired == 1 && second.expired == 1; });
   EXPECT_EQ(handler.received, std::vector<int>{SIGUSR1});
 }
 

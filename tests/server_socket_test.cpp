@@ -1,5 +1,6 @@
 #include "vornfc/server_socket.h"
 
+#include "support/abort.h"
 #include "support/daemon.h"
 #include "support/faults.h"
 #include "support/log_capture.h"
@@ -253,7 +254,11 @@ TEST_F(ServerSocketTest, NameOf25CharactersEndsTheProcess) {
   server.activate();
   const Socket client = client_from_port_range("127.10.10.100", 9000);
   ASSERT_TRUE(client);
-  EXPECT_EXIT(server.accept(), testing::KilledBySignal(SIGABRT),
+  const auto accept = [&] {
+    count_aborts();
+    server.accept();
+  };
+  EXPECT_EXIT(accept(), testing::KilledBySignal(SIGABRT),
               "Socket: Name of caller 127.10.10.100:" + std::to_string(bound_port(*client)) +
                   " is too long - ABORT APP !");
 }

@@ -514,8 +514,10 @@ TEST_F(SignalTest, HandlerMayEndInItsOwnCall) {
 }
 
 TEST_F(SignalTest, NullHandlerIsRefusedByTheDirectForm) {
-  EXPECT_EQ(failure_of([&] { loop.mgr->sigResponse(true, nullptr, SIGHUP); }),
-            (Failure{3, "EvtMgr: Null handler for Signal=1"}));
+  const Failure refused{3, "EvtMgr: Null handler for Signal=1"};
+  EXPECT_EQ(failure_of([&] { loop.mgr->sigResponse(true, nullptr, SIGHUP); }), refused);
+  EXPECT_EQ(failure_of([&] { loop.mgr->sigRequest(true, false, nullptr, SIGHUP, false); }),
+            refused);
 }
 
 }  // namespace

@@ -70,6 +70,9 @@ int fstat(int fd, struct stat* status) noexcept {
 int fflush(FILE* stream) {
   return sys::errno_call("fflush", &fflush, stream);
 }
+int setvbuf(FILE* stream, char* buffer, int mode, size_t size) noexcept {
+  return sys::errno_call("setvbuf", &setvbuf, stream, buffer, mode, size);
+}
 
 }  // extern "C"
 
@@ -700,6 +703,16 @@ TEST_F(BufferedStdioTest, FailedLookAtTheDescriptorKeepsTheBuffer) {
   EXPECT_EQ(__fpending(pipe.stream), 3u);
   putc('\n', pipe.stream);
   EXPECT_EQ(pipe.take(), "abc\n");
+}
+
+TEST_F(BufferedStdioTest, BufferThatTheStreamDoesNotTake) {
+  FILE* const stream = fopen("/dev/null", "w");
+  const std::string fd = std::to_string(fileno(stream));
+  VrnBufferedStdio out(stream, 777, false, nullptr);
+  sys::plan_errors("setvbuf", ENOMEM, 1);
+  EXPECT_EQ(failure_of([&] { out.set(555); }),
+            (Failure{2, "Failed to set buffer of fd=" + fd + " (errno=12)"}));
+  out.set(555);  // the next one is taken
 }
 
 TEST_F(BufferedStdioTest, FailedFlushKeepsTheBuffer) {

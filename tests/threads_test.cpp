@@ -643,6 +643,20 @@ TEST_F(ThreadsTest, CallbacksOfTwoThreadsMayOverlap) {
   EXPECT_EQ(timer.expired, 1);
 }
 
+// Nor does the end of a watcher wait for the callback that it is made in.
+TEST_F(ThreadsTest, WatcherMayEndInTheCallbackOfItsForcedEnd) {
+  Connection connection;
+  auto reader = std::make_unique<RecordingAIO>(RecordingAIO::Input, "reader");
+  reader->on_cancelled = [&] { reader.reset(); };
+  const auto native = dynamic_cast<VrnEvtMgrNative*>(mgr);
+  ASSERT_NE(native, nullptr);
+  run_while([&] {
+    EXPECT_TRUE(mgr->startAIO(&connection.file, reader.get()));
+    native->syncstopAIO(&connection.file, reader.get(), true, false, false);
+  });
+  EXPECT_EQ(reader, nullptr);
+}
+
 // A file that ends on another thread is in no list afterwards, although a callback that was running
 // then asked for it again.
 TEST_F(ThreadsTest, FileThatEndsDuringItsReadersCallbackIsNotListedAgain) {

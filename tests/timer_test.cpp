@@ -2,6 +2,7 @@
 
 #include "support/log_capture.h"
 #include "support/loop.h"
+#include "support/manager.h"
 #include "support/polling.h"
 #include "vornfc/appshell.h"
 #include "vornfc/exception.h"
@@ -786,6 +787,10 @@ TEST_F(TimerTest, NullIsRefusedByName) {
             (Failure{3, "EvtMgr: Null timer to start"}));
   EXPECT_EQ(failure_of([&] { loop.mgr->stopTimer(nullptr); }),
             (Failure{3, "EvtMgr: Null timer to stop"}));
+  EXPECT_EQ(failure_of([&] { loop.mgr->syncstartTimer(nullptr); }),
+            (Failure{3, "EvtMgr: Null timer to start"}));
+  EXPECT_EQ(failure_of([&] { loop.mgr->syncstopTimer(nullptr, true); }),
+            (Failure{3, "EvtMgr: Null timer to stop"}));
   EXPECT_EQ(failure_of([&] { timer.compare(static_cast<const timeval*>(nullptr)); }),
             (Failure{3, "VrnTimer: Null time to compare with t"}));
   EXPECT_EQ(failure_of([&] { timer.triggerTimer(nullptr); }),
@@ -816,6 +821,19 @@ TEST_F(TimerDeathTest, DestroyedWhileQueuedOnTheDispatcherThread) {
   };
   EXPECT_EXIT(destroy_while_queued(), testing::ExitedWithCode(1),
               "VrnTimer destroyed while active - ABORT APP !");
+}
+
+TEST(TimerStopDeathTest, StopThatThrowsInTheDestructorEndsTheProcess) {
+  const LogCapture log;
+  StandInManager manager;
+  const auto start_and_destroy = [&] {
+    CountingTimer timer("t");
+    timer.startTimer(60, 0, 0, 0);
+    manager.on_stop_timer = []() -> bool { throw VrnException(3, "refused"); };
+  };
+  EXPECT_EXIT(start_and_destroy(), testing::ExitedWithCode(1),
+              "VrnTimer: Failed to stop t \\[VrnException: Error=3 .* - refused\\]\n"
+              ".*VrnTimer destroyed while active - ABORT APP !\n");
 }
 
 TEST_F(TimerTest, DestroyedWhileQueuedOnAnotherThreadLeavesTheQueue) {

@@ -104,7 +104,8 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   void sigResponse(bool received, VrnSignalHandler* handler, int signo);
 
   /// Calls the watchers of one descriptor. Both arguments are the caller's copies, and may be
-  /// changed. Throws VrnException 3 when one is null, and what a watcher's aioReady() throws.
+  /// changed. Nothing happens for a descriptor that is not watched. Throws VrnException 3 when one
+  /// is null, and what a watcher's aioReady() throws.
   void handleIO(pollfd* entry, iofile_t* record);
 
  private:

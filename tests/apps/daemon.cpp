@@ -1,15 +1,18 @@
 // A daemon that writes down what has become of its process. Its environment chooses how it starts:
 //   STATE        the file to write to when the loop runs
 //   DAEMON_LATE  set: the event manager is made after appInit()
-//   DAEMON_SELF  the directory for appDaemonise(), which appInit() then calls, twice
+//   DAEMON_SELF  the directory for appDaemonise(), which appInit() then calls, twice; empty: null
+//   DAEMON_DEAF  set: SIGUSR1 is taken from the application shell when the loop runs
 //   DAEMON_FAIL  the text that this application's own gnl_init fails with
 #include "vornfc/appshell.h"
 #include "vornfc/config.h"
+#include "vornfc/evtmgr.h"
 #include "vornfc/notifier.h"
 #include "vornfc/timer.h"
 #include "vornfc/utils.h"
 #include "vornsupport/support.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #if defined(__SANITIZE_THREAD__)
 #define EXIT_FLUSHES 1
@@ -66,7 +70,7 @@ class Daemon : public vornfc::VrnAppShell, private vornfc::VrnObserver, private 
     process_at_app_init = getpid();
     appConfig()->attach(this);
     if (const char* const directory = std::getenv("DAEMON_SELF")) {
-      appDaemonise(directory);
+      appDaemonise(*directory ? directory : nullptr);
       appDaemonise("/nonexistent");
     }
     // Behind all that was asked for until now.
@@ -82,7 +86,10 @@ class Daemon : public vornfc::VrnAppShell, private vornfc::VrnObserver, private 
     if (appConfig()) appConfig()->detach(this);  // it outlives this observer
   }
 
-  void timerExpired() override { write_state(); }
+  void timerExpired() override {
+    if (std::getenv("DAEMON_DEAF")) take_reload();
+    write_state();
+  }
   void timerStopped() override {}
 
   void observerNotified(vornfc::VrnNotifier* from) override {
@@ -91,6 +98,18 @@ class Daemon : public vornfc::VrnAppShell, private vornfc::VrnObserver, private 
   }
   void observerDetached(vornfc::VrnNotifier*) override {}
   std::string observerName() const override { return "daemon"; }
+
+  // Another thread is told at once who has the signal.
+  static void take_reload() {
+    static struct : vornfc::VrnSignalHandler {
+      void signalReceived(int) override {}
+      void signalStopped(int) override {}
+      const char* sigtag() const override { return "nobody"; }
+    } nobody;
+    vornfc::VrnSignalHandler* shell = nullptr;
+    std::thread([&shell] { shell = evtmgr->startSignal(&nobody, SIGUSR1); }).join();
+    evtmgr->stopSignal(shell, SIGUSR1, true);
+  }
 
   // Complete when it appears under its name.
   void write_state() const {

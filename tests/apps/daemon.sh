@@ -140,6 +140,19 @@ DAEMON_LATE=1 DAEMON_SELF=/nonexistent start -D /usr
 expect [ "$directory" = /usr ]
 stop
 
+# Without a directory of its own it has that of the environment.
+DAEMON_SELF='' VORN_WORKDIR=/var/tmp start
+expect [ "$directory" = /var/tmp ]
+stop
+
+# ---- a signal that the application takes from the shell ----
+
+DAEMON_DEAF=1 start -D /
+await has "$dir/log" 'AppShell.signalStopped: sig=10'
+kill -USR1 "$pid"
+stop
+refuse has "$dir/log" 'AppShell: Issuing Reconfigure'
+
 # ---- configuration and reload ----
 
 unset VORNTRC_FILENAME VORNTRC_LEVEL

@@ -15,6 +15,7 @@ constexpr bool Sanitized = false;
 #endif
 
 thread_local long count = 0;
+thread_local long until_failure = 0;
 
 }  // namespace
 
@@ -28,11 +29,16 @@ bool counts_allocations() {
   return !Sanitized || count > 0;
 }
 
+void fail_allocation(long number) {
+  until_failure = number;
+}
+
 }  // namespace sys
 
 // Gives way to the operators of a sanitizer that insists on its own.
 __attribute__((weak)) void* operator new(std::size_t size) {
   ++count;
+  if (until_failure > 0 && --until_failure == 0) throw std::bad_alloc();
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }

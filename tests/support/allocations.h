@@ -12,6 +12,9 @@ long allocations();
 // sanitizer it is true in any case: a count of 0 is then a defect of the test program.
 bool counts_allocations();
 
+// Makes one of the calling thread's next calls of operator new fail: 1 is the next one, 0 none.
+void fail_allocation(long number);
+
 }  // namespace sys
 
 // The head of a test that counts allocations. Where they can be counted, they have to be.

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,6 +33,8 @@ int accept(int fd, sockaddr* peer, socklen_t* size) { return errno_call("accept"
 int connect(int fd, const sockaddr* peer, socklen_t size) { return errno_call("connect", &connect, fd, peer, size); }
 int getsockopt(int fd, int level, int name, void* value, socklen_t* size) noexcept { return errno_call("getsockopt", &getsockopt, fd, level, name, value, size); }
 int sigaction(int sig, const struct sigaction* action, struct sigaction* old) noexcept { return errno_call("sigaction", &sigaction, sig, action, old); }
+int epoll_create1(int flags) noexcept { return errno_call("epoll_create1", &epoll_create1, flags); }
+int epoll_ctl(int queue, int what, int fd, epoll_event* event) noexcept { return errno_call("epoll_ctl", &epoll_ctl, queue, what, fd, event); }
 int pipe(int* ends) noexcept { return errno_call("pipe", &pipe, ends); }
 
 int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept { return result_call("pthread_mutex_destroy", &pthread_mutex_destroy, mutex); }
