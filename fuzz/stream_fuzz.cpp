@@ -41,6 +41,7 @@ constexpr int BUFFERS = 2;
 constexpr long MOST_QUEUED = 32768;
 constexpr int MOST_TURNS = 300;
 constexpr int LAST_TURNS = 60;  // more than it takes to deliver all that is queued
+constexpr int HungUp = -1;
 
 // The byte at a position of every stream.
 char byte_at(long position) {
@@ -260,8 +261,9 @@ class Run {
     const Writer* const writer = connection->writer;
     if (!writer) return;
     const int error = writer->error();
-    require(connection->error == 0 || error == connection->error, "error %d became %d",
-            connection->error, error);
+    // A write that failed is overtaken by the hang-up of what it was written to.
+    require(connection->error == 0 || error == connection->error || error == HungUp,
+            "error %d became %d", connection->error, error);
     connection->error = error;
     require(error == 0 || connection->peer_deaf || connection->broken, "error %d", error);
     if (error != 0) {

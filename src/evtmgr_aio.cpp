@@ -19,8 +19,8 @@ void VrnEvtMgrNative::check_watch(const VrnFile* file, const VrnAIO* aio) {
 
 bool VrnEvtMgrNative::startAIO(VrnFile* file, VrnAIO* aio) {
   check_watch(file, aio);
-  VrnAssertFull(file->fd >= 0, "EvtMgr: File %s has no descriptor for AIO=%s", file->name(),
-                aio->tag.c_str());
+  VrnAssertFull(file->fd >= 0 && file->impl, "EvtMgr: File %s has no descriptor for AIO=%s",
+                file->name(), aio->tag.c_str());
   if (!on_owner_thread()) return syncstartAIO(file, aio);
   file->impl->requested.store(true, std::memory_order_relaxed);
   aio->requested.store(true, std::memory_order_relaxed);
@@ -131,7 +131,7 @@ void VrnEvtMgrNative::tell_cancelled(Lock* lock, VrnFile* file, VrnAIO* aio, boo
 
 bool VrnEvtMgrNative::unregister(VrnFile* file, VrnAIO* aio) {
   const auto fd = static_cast<size_t>(file->fd);  // -1 becomes the largest of all
-  if (fd >= iofiles.size() || file->impl->closed) return false;
+  if (fd >= iofiles.size() || !file->impl || file->impl->closed) return false;
   iofile_t& record = iofiles[fd];
   const size_t slot = slot_of(aio->input);
   const VrnAIO* const holder = record.aios[slot];
@@ -187,12 +187,17 @@ void VrnEvtMgrNative::remove_entry(iofile_t* record) {
   iofiles[static_cast<size_t>(last.fd)].pidx = position;
 }
 
-// Reads an entry and its record again after a callback. False: the registration has ended.
-bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record) const {
+// Reads an entry and its record again after a callback. False: the registration has ended. The
+// loop's own entries have what is not delivered yet of their returned events; whoever else has an
+// entry handled keeps those that are asked for still.
+bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record, bool of_loop) const {
   if (walking && !pollfds_changed) return true;
   const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
   if (current.pidx == -1 || current.serial != record->serial) return false;
+  const short returned = entry->revents;
   *entry = pollfds[static_cast<size_t>(current.pidx)];
+  const int wanted = entry->events | POLLERR | POLLHUP | POLLNVAL;
+  if (!of_loop) entry->revents = static_cast<short>(returned & wanted);
   *record = current;
   return true;
 }
@@ -201,15 +206,17 @@ void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
   if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
   Lock lock(registry);
   if (static_cast<size_t>(entry->fd) >= iofiles.size()) return;  // never watched; -1 too
-  handle_ready(&lock, entry, record);
+  const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
+  if (record->file == current.file) record->serial = current.serial;
+  handle_ready(&lock, entry, record, false);
 }
 
 // Readable data comes before a hang-up that is reported with it; the hang-up is handled at a later
 // turn, when there is no data any more.
-void VrnEvtMgrNative::handle_ready(Lock* lock, pollfd* entry, iofile_t* record) {
+void VrnEvtMgrNative::handle_ready(Lock* lock, pollfd* entry, iofile_t* record, bool of_loop) {
   if (entry->revents & POLLOUT) {
     call_ready(lock, entry->fd, record->serial, slot_of(false));
-    if (!refresh(entry, record)) return;
+    if (!refresh(entry, record, of_loop)) return;
   }
   if (entry->revents & (POLLIN | POLLPRI)) {
     call_ready(lock, entry->fd, record->serial, slot_of(true));

@@ -4,6 +4,7 @@
 #include "vornfc/evtmgr_native.h"
 
 #include <poll.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -17,6 +18,21 @@ namespace vornfc {
 // Order: a timer's lock, then this one, then the registrar's.
 extern std::mutex registry;
 extern VrnEvtMgrNative* native_manager;  // guarded by registry
+
+// The loop's thread while it holds the registry lock, and a moment before and after; 0: it does
+// not. A signal handler that runs there may call fork(), which would wait for the lock for ever.
+extern std::atomic<pthread_t> registry_holder;
+inline bool holds_registry() {
+  return pthread_equal(registry_holder.load(std::memory_order_relaxed), pthread_self()) != 0;
+}
+inline void take_registry(std::unique_lock<std::mutex>* lock) {
+  registry_holder.store(pthread_self(), std::memory_order_relaxed);
+  lock->lock();
+}
+inline void release_registry(std::unique_lock<std::mutex>* lock) {
+  lock->unlock();
+  registry_holder.store(pthread_t{}, std::memory_order_relaxed);
+}
 
 // With the registry lock: what others wait for under it. A callback, or a stop that holds a file,
 // has ended.
@@ -58,14 +74,17 @@ inline VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* regis
       lock(registry_lock),
       objects{object, second},
       thread(pthread_self()),
+      marked(holds_registry()),
       outer(manager->callbacks) {
   mgr->callbacks = this;
   callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) + 1,
                           std::memory_order_relaxed);
   lock->unlock();
+  if (marked) registry_holder.store(pthread_t{}, std::memory_order_relaxed);
 }
 
 inline VrnEvtMgrNative::Callback::~Callback() {
+  if (marked) registry_holder.store(thread, std::memory_order_relaxed);
   lock->lock();
   // The first, but for a callback that an operation on another thread makes meanwhile.
   Callback** link = &mgr->callbacks;

@@ -30,6 +30,7 @@ namespace vornfc {
 
 std::mutex registry;
 VrnEvtMgrNative* native_manager = nullptr;
+std::atomic<pthread_t> registry_holder{};
 std::condition_variable change;
 int waiting = 0;
 std::atomic<int> callbacks_running{0};
@@ -113,13 +114,23 @@ VrnEvtMgrNative::~VrnEvtMgrNative() {
 }
 
 // A process that is forked while another thread holds the registry lock must not have it locked.
+// Where the thread itself holds it, a signal handler forks in the middle of a turn: the child of
+// that is for leaving or for another program only, and finds things as they are.
 void VrnEvtMgrNative::guard_forks() {
-  static const int once = pthread_atfork([] { registry.lock(); }, [] { registry.unlock(); },
-                                         [] {
-                                           VrnEvtMgrNative::forked();
-                                           registry.unlock();
-                                           forget_wakers();
-                                         });
+  static const int once = pthread_atfork(
+      [] {
+        if (!holds_registry()) registry.lock();
+      },
+      [] {
+        if (!holds_registry()) registry.unlock();
+      },
+      [] {
+        if (!holds_registry()) {
+          VrnEvtMgrNative::forked();
+          registry.unlock();
+        }
+        forget_wakers();
+      });
   if (once != 0) throw VrnException(2, "EvtMgr: pthread_atfork() failed (%d)", once);
 }
 
@@ -157,8 +168,8 @@ void VrnEvtMgrNative::syncstopDispatcher() {
 
 // One turn: signals, timers, descriptors. Application code runs in every step and may change any
 // registration or stop the loop, so each step looks at the containers afresh. The registry lock is
-// handed from step to step, and is free during the wait and during each callback: to take it for
-// every step by itself would cost as much as all that the loop does for an event.
+// handed from step to step, and is free while the loop sleeps and during each callback: to take it
+// for every step by itself would cost as much as all that the loop does for an event.
 void VrnEvtMgrNative::dispatcher() {
   {
     const Sizes size = sizes();
@@ -167,13 +178,17 @@ void VrnEvtMgrNative::dispatcher() {
   }
   registrar->start();
   if (dead) return;
-  Lock lock(registry);
+  const struct Unmark {
+    ~Unmark() { registry_holder.store(pthread_t{}, std::memory_order_relaxed); }
+  } unmark;
+  Lock lock(registry, std::defer_lock);
+  take_registry(&lock);
   for (;;) {
     deliver_signals(&lock);
     const int timeout = fire_due_timers(&lock);  // ms until the next one; -1: no timer left
     if (dead) return;
     if (timeout == -1 && pollfds.empty()) {
-      lock.unlock();
+      release_registry(&lock);
       vrnlog(4, "EvtMgr has run out of events - aborting");
       return;
     }
@@ -217,19 +232,19 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
     ready_wait->assign(pollfds, serials);
     pollfds_changed = false;
   }
-  if (!alone()) lock->unlock();
+  if (!alone()) release_registry(lock);
   if (!ready_wait->look()) {
-    if (lock->owns_lock()) lock->unlock();
+    if (lock->owns_lock()) release_registry(lock);
     if (!ready_wait->poll(timeout)) {
       if (errno != EINTR) {
         throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
       }
-      lock->lock();
+      take_registry(lock);
       errno = 0;
       return 0;
     }
   }
-  if (!lock->owns_lock()) lock->lock();
+  if (!lock->owns_lock()) take_registry(lock);
   ready_wait->collect();
   walked = next_of_ready = 0;
   int ready = count(ready_wait->ready());
@@ -262,16 +277,16 @@ void VrnEvtMgrNative::deliver_ready(Lock* lock, int ready) {
     if (!next_ready(&entry, &record)) break;
     curaio = nullptr;
     try {
-      handle_ready(lock, &entry, &record);
+      handle_ready(lock, &entry, &record, true);
     } catch (...) {
       if (throwtasks || !curaio) throw;
-      lock->unlock();
+      release_registry(lock);
       vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
       end_thrown_watch(entry.fd, record.serial);
     }
     // Not in the handler: the exception ends with it, and may own objects that take the lock to
     // end.
-    if (!lock->owns_lock()) lock->lock();
+    if (!lock->owns_lock()) take_registry(lock);
   }
   walking = false;
 }
@@ -520,6 +535,16 @@ void VrnEvtMgrNative::forked() {
   native_manager->before_change();
   native_manager->ready_wait->forked();
   native_manager->wake_sent = false;  // the record may be the parent's to read
+  // The other threads are not in the child, nor do their callbacks run there.
+  waiting = 0;
+  for (Callback** link = &native_manager->callbacks; *link;) {
+    if (pthread_equal((*link)->thread, pthread_self())) {
+      link = &(*link)->outer;
+    } else {
+      *link = (*link)->outer;
+      --callbacks_running;
+    }
+  }
 }
 
 bool VrnEvtMgrNative::in_callback(const void* object) const {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -13,14 +14,14 @@ namespace vornfc {
 
 namespace {
 
+using std::chrono::steady_clock;
+
 constexpr long DefaultMostPolled = 64;
 constexpr unsigned IdleTurns = 8;         // before a descriptor is handed to the queue
 constexpr size_t ManyReady = 32;          // in one turn: nothing is handed over
 constexpr unsigned HotTurns = 64;         // in a row with an event before it goes back to poll()
 constexpr unsigned TurnsWithoutTry = 16;  // after the queue was asked first in vain
-constexpr unsigned TurnsPerCheck =
-    64;  // turns between looks at the clock while the queue is asked first
-constexpr int CheckInterval = 1000;  // milliseconds
+constexpr int CheckInterval = 1000;       // milliseconds
 
 static_assert(EPOLLIN == POLLIN && EPOLLPRI == POLLPRI && EPOLLOUT == POLLOUT &&
                   EPOLLERR == POLLERR && EPOLLHUP == POLLHUP,
@@ -37,6 +38,12 @@ long milliseconds() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
+
+// Rounded up, as poll() does: never too early. 0: past.
+int milliseconds_until(steady_clock::time_point end) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
+  return static_cast<int>(std::max<long>(0, left.count()));
 }
 
 }  // namespace
@@ -92,7 +99,8 @@ bool ReadyWait::look() {
   checked.clear();
   any_hot = false;
   ++turn;
-  if (!mixed || !busy.empty() || turn < next_try || turn % TurnsPerCheck == 0) return false;
+  const bool not_yet = static_cast<int>(turn - next_try) < 0;
+  if (!mixed || !busy.empty() || not_yet || is_check_due(milliseconds())) return false;
   if (take_from_queue()) return true;
   next_try = turn + TurnsWithoutTry;
   return false;
@@ -111,17 +119,23 @@ bool ReadyWait::plain_poll(int timeout) {
   return true;
 }
 
-// True: it reports some.
+// True: it reports some. The application may have closed the queue's number, as any number: what
+// was in the queue is then busy from the end of the turn on.
 bool ReadyWait::take_from_queue() {
   const int taken = epoll_wait(queue, reports.data(), static_cast<int>(reports.size()), 0);
+  lost = taken == -1 && errno != EINTR;
   reported = static_cast<size_t>(std::max(taken, 0));
   return reported > 0;
+}
+
+bool ReadyWait::is_check_due(long time) const {
+  return time - last_check >= CheckInterval;
 }
 
 // Once a second, and `now` in any case.
 void ReadyWait::check_all(bool now) {
   const long time = milliseconds();
-  if (!now && time - last_check < CheckInterval) return;
+  if (!now && !is_check_due(time)) return;
   last_check = time;
   checked = table;
   if (::poll(checked.data(), checked.size(), 0) <= 0) checked.clear();
@@ -130,13 +144,15 @@ void ReadyWait::check_all(bool now) {
 bool ReadyWait::mixed_poll(int timeout) {
   busy.push_back({queue, POLLIN, 0});
   int count;
+  // Each part takes a little longer than it should: the end is that of a clock, not of a sum.
+  const auto end = steady_clock::now() + std::chrono::milliseconds(timeout);
   for (int left = timeout;;) {
     const bool in_parts = left < 0 || left > CheckInterval;
     count = ::poll(busy.data(), busy.size(), in_parts ? CheckInterval : left);
     if (count == -1) break;
     check_all(count == 0 && in_parts);
     if (count > 0 || !checked.empty() || !in_parts) break;
-    if (left > 0) left -= CheckInterval;
+    if (left > 0) left = std::min(left - CheckInterval, milliseconds_until(end));
   }
   const bool queue_ready = count > 0 && busy.back().revents != 0;
   busy.pop_back();
@@ -185,7 +201,8 @@ void ReadyWait::add_reported(const epoll_event& report) {
 
 void ReadyWait::settle() {
   if (table.size() <= most_polled && !mixed) return;
-  if (stale) close_queue();
+  if (lost) queue = -1;  // the number is another file's by now, or nobody's
+  if (stale || lost) close_queue();
   if (!mixed) {
     for (const size_t position : ready_positions) {
       slots[static_cast<size_t>(table[position].fd)].last_turn = turn;
@@ -253,7 +270,7 @@ void ReadyWait::close_queue() {
   if (queue != -1) close(queue);
   queue = -1;
   queued_count = 0;
-  stale = false;
+  stale = lost = false;
   for (Slot& slot : slots) slot.queued = false;
 }
 

@@ -71,6 +71,7 @@ class ReadyWait {
   bool plain_poll(int timeout);
   bool mixed_poll(int timeout);
   bool take_from_queue();
+  bool is_check_due(long time) const;
   void check_all(bool now);
   void add_ready(size_t position, short events);
   void send_back_hot();
@@ -97,6 +98,7 @@ class ReadyWait {
   size_t queued_count = 0;
   bool any_hot = false;  // found by this turn: descriptors that go back to poll()
   bool stale = false;  // a file could not be taken out of the queue: its number is not its any more
+  bool lost = false;   // the queue's own number is not the queue's any more
   unsigned turn = 0;
   unsigned last_look = 0;  // the turn of the last look at how long the busy have been idle
   unsigned next_try = 0;   // the turn from which on the queue is asked first

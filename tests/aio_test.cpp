@@ -975,6 +975,36 @@ TEST_F(AioTest, NullAndUnassignedAreRefusedByName) {
     EXPECT_NO_THROW(loop.mgr->handleIO(&entry, &record));
   }
   EXPECT_TRUE(stop(&unassigned, &reader));
+  unassigned.fd = 0;  // though nothing was assigned
+  EXPECT_EQ(failure_of([&] { loop.mgr->startAIO(&unassigned, &reader); }),
+            (Failure{3, "EvtMgr: File _UNASSIGNED_ has no descriptor for AIO=reader"}));
+  loop.mgr->syncstopAIO(&unassigned, &reader, true, false, false);
+  EXPECT_TRUE(reader.cancelled.empty());
+  unassigned.fd = -1;
+}
+
+// Whoever has an entry handled keeps the events that he gives, as far as they are asked for still.
+TEST_F(AioTest, EntryThatIsHandledForACallerKeepsItsEventsAfterTheOutputWatcher) {
+  Connection connection;
+  std::vector<std::string> story;
+  RecordingAIO writer(RecordingAIO::Output, "writer", [&](VrnFile*) { story.emplace_back("out"); });
+  RecordingAIO reader(RecordingAIO::Input, "reader", [&](VrnFile*) { story.emplace_back("in"); });
+  elsewhere([&] {
+    loop.mgr->startAIO(&connection.file, &reader);
+    loop.mgr->startAIO(&connection.file, &writer);
+  });
+  pollfd entry{connection.file.fd, POLLIN | POLLPRI | POLLOUT, POLLIN | POLLOUT};
+  VrnEvtMgrNative::iofile_t record;
+  record.aios = {&reader, &writer};
+  record.file = &connection.file;
+  loop.mgr->handleIO(&entry, &record);
+  EXPECT_EQ(story, (std::vector<std::string>{"out", "in"}));
+  story.clear();
+  entry.revents = POLLOUT | POLLHUP;
+  loop.mgr->handleIO(&entry, &record);
+  EXPECT_EQ(story, std::vector<std::string>{"out"});
+  EXPECT_EQ(reader.cancelled.size(), 1U);
+  EXPECT_EQ(writer.cancelled.size(), 1U);
 }
 
 }  // namespace

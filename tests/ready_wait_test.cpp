@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <deque>
 #include <memory>
@@ -278,6 +279,63 @@ TEST_F(ReadyWaitTest, ATimerIsDueAtItsTimeWhileAllAreIdle) {
     EXPECT_EQ(loop.now.tv_usec, due.tv_usec);
   };
   loop.run_until([&] { return timer.expired == 1; });
+}
+
+// Each part of a wait takes longer than it is to: the time that is lost does not add up.
+TEST(ReadyWaitTimeTest, PartsThatTakeLongerDoNotMakeATimerLate) {
+  using std::chrono::steady_clock;
+  setenv("VORN_EM_POLLMAX", "0", 1);
+  VrnEvtMgr* const mgr = VrnEvtMgr::instance(0);
+  VrnAppShell::evtmgr = mgr;
+  const sys::Poll late = [](pollfd* entries, nfds_t count, int timeout) {
+    const int result = sys::system_poll(entries, count, timeout);
+    if (result == 0) std::this_thread::sleep_for(std::chrono::milliseconds(timeout / 2));
+    return result;
+  };
+  steady_clock::time_point start;
+  int turns = 0;
+  Connection idle;
+  RecordingReceiver receiver("receiver");
+  receiver.aioStart(&idle.file);
+  CountingTimer timer("t");
+  timer.on_expired = [&] {
+    if (++turns < 20) return timer.startTimer(0, 0, 0, 0);  // until all is handed over
+    if (turns > 20) return mgr->stopDispatcher();
+    start = steady_clock::now();
+    timer.startTimer(5, 0, 0, 0);
+  };
+  timer.startTimer(0, 0, 0, 0);
+  sys::set_poll(&late);
+  mgr->startDispatcher();
+  sys::set_poll(nullptr);
+  const std::chrono::duration<double> taken = steady_clock::now() - start;
+  EXPECT_EQ(turns, 21);
+  EXPECT_LT(taken.count(), 6.9);  // as a sum of its parts it would be 7.5 at least
+  VrnEvtMgr::destroy();
+  VrnAppShell::evtmgr = nullptr;
+}
+
+// ---- a queue that is lost ----
+
+TEST_F(ReadyWaitTest, AQueueWhoseNumberIsClosedIsGivenUp) {
+  int queue = -1;
+  int turns = 0;
+  loop.on_dispatcher([&] {
+    for (const int fd : open_descriptors()) {
+      const std::string link = "/proc/self/fd/" + std::to_string(fd);
+      char target[64]{};
+      if (readlink(link.c_str(), target, sizeof target - 1) > 0 &&
+          std::string(target) == "anon_inode:[eventpoll]") {
+        queue = fd;
+      }
+    }
+    ASSERT_NE(queue, -1);
+    close(queue);
+    for (const auto& connection : connections) connection->send("x");
+  });
+  loop.before_poll = [&] { ++turns; };
+  loop.run_until([&] { return receiver.received.size() == Many; });
+  EXPECT_LT(turns, 10000);
 }
 
 // ---- a queue that refuses ----

@@ -136,6 +136,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
     Lock* const lock;
     std::array<const void*, 2> objects;
     const pthread_t thread;  // that runs it
+    const bool marked;       // as the one that holds the lock, which it is again afterwards
     Callback* outer;
   };
 
@@ -144,9 +145,9 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   int wait_for_events(Lock* lock, int timeout);
   void deliver_ready(Lock* lock, int count);
   bool next_ready(pollfd* entry, iofile_t* record);
-  void handle_ready(Lock* lock, pollfd* entry, iofile_t* record);
+  void handle_ready(Lock* lock, pollfd* entry, iofile_t* record, bool of_loop);
   void call_ready(Lock* lock, int fd, unsigned serial, size_t slot);
-  bool refresh(pollfd* entry, iofile_t* record) const;
+  bool refresh(pollfd* entry, iofile_t* record, bool of_loop) const;
   void before_change();
   void end_thrown_watch(int fd, unsigned serial);
   void report_timers();
