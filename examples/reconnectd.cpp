@@ -7,7 +7,7 @@
 // the whole of it, so that clients that lost a server together do not come back together. Once the
 // server has sent something the delay begins anew; one that only accepts and hangs up is not well.
 // The file's group "reconnectd" (reconnectd.conf shows one) is followed when the file changes: a
-// daemon reads it again on SIGUSR1. Ends on SIGTERM and SIGINT.
+// daemon reads it again on SIGUSR1. Ends on SIGTERM, and without -D on SIGINT.
 #include "vornfc/vornfc.h"
 
 #include <sys/socket.h>

@@ -6,7 +6,7 @@
 // period in which the former run still goes on is left out. Periods are measured by a clock that
 // nobody sets: whatever happens to the time of day, runs neither pile up nor wait. The file's group
 // "taskd" (taskd.conf shows one) is followed when the file changes: a daemon reads it again on
-// SIGUSR1. Ends on SIGTERM and SIGINT, and ends a run that goes on.
+// SIGUSR1. Ends on SIGTERM, and without -D on SIGINT, and ends a run that goes on.
 #include "vornfc/vornfc.h"
 
 #include <fcntl.h>

@@ -7,7 +7,7 @@
 // Anything else is left unanswered, answers above all: two of these daemons whom somebody sets at
 // each other fall silent at once. The file's group "timed" (timed.conf shows one) says where to
 // listen and how times are written; it is followed when the file changes: a daemon reads it again
-// on SIGUSR1. Ends on SIGTERM and SIGINT.
+// on SIGUSR1. Ends on SIGTERM, and without -D on SIGINT.
 #include "vornfc/vornfc.h"
 
 #include <sys/socket.h>

@@ -5,7 +5,7 @@
 //
 // The file's group "rules" says where to listen and whom to connect to, "relayd" holds the limits
 // (relayd.conf shows both). They are followed when the file changes: a daemon reads it again on
-// SIGUSR1. Ends on SIGTERM and SIGINT, with every connection closed.
+// SIGUSR1. Ends on SIGTERM, and without -D on SIGINT, with every connection closed.
 #include "connection.h"
 #include "rule.h"
 #include "vornfc/vornfc.h"

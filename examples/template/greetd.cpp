@@ -25,7 +25,10 @@ class Greetd : public VrnAppShell, VrnSignalHandler, VrnObserver {
     signal(SIGPIPE, SIG_IGN);
     apply_settings();
     appConfig()->attach(this);
-    for (const int signo : {SIGTERM, SIGINT, SIGUSR1}) evtmgr->startSignal(this, signo);
+    for (const int signo : {SIGTERM, SIGINT, SIGUSR1}) {
+      evtmgr->stopSignal(nullptr, signo, false);  // with -D the shell has asked for some before
+      evtmgr->startSignal(this, signo);
+    }
     return 0;
   }
 
@@ -51,7 +54,6 @@ class Greetd : public VrnAppShell, VrnSignalHandler, VrnObserver {
   void observerDetached(VrnNotifier*) override {}
   std::string observerName() const override { return "greetd"; }
 
-  // With -D the shell has taken SIGTERM and SIGUSR1 before, and does the same.
   void signalReceived(int signo) override {
     if (signo == SIGUSR1) return reload();
     ended_as_told = true;
@@ -63,8 +65,8 @@ class Greetd : public VrnAppShell, VrnSignalHandler, VrnObserver {
   void reload() {
     VrnConfig fresh(*appConfig()->config);
     fresh.update();  // throws, which is logged, when the file is faulty
+    appLogger()->level(fresh.value("log", VrnLog::CFG_LEVEL, false, 0).c_str());  // so does this
     *appConfig()->config = fresh;
-    appLogger()->level(fresh.value("log", VrnLog::CFG_LEVEL, false, 0).c_str());
     appConfig()->notifyObservers();
   }
 
