@@ -4,8 +4,8 @@
 //
 // A line may begin with a priority as senders of the syslog protocol write it, "<13>"; its severity
 // becomes the level of the record. The file's group "logsinkd" says where to listen, "sink" where
-// lines go (logsinkd.conf shows both). Ends on SIGTERM, and without -D on SIGINT; a line that is not complete when
-// its sender leaves is written as it is.
+// lines go (logsinkd.conf shows both). Ends on SIGTERM, and without -D on SIGINT; a line that is
+// not complete when its sender leaves is written as it is.
 #include "vornfc/vornfc.h"
 
 #include <sys/socket.h>

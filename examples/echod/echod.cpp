@@ -4,8 +4,8 @@
 //
 // ADDRESS is PORT or HOST:PORT, SECONDS the idle time allowed. Without the options they are the
 // items ADDRESS and IDLE of the file's group (echod.conf shows one), and are followed when that
-// changes: a daemon reads it again on SIGUSR1. Ends on SIGTERM, and without -D on SIGINT, with every connection
-// closed.
+// changes: a daemon reads it again on SIGUSR1. Ends on SIGTERM, and without -D on SIGINT, with
+// every connection closed.
 #include "echo_server.h"
 #include "vornfc/vornfc.h"
 #include "vornsupport/support.h"
