@@ -123,7 +123,6 @@ bool ReadyWait::plain_poll(int timeout) {
 // was in the queue is then busy from the end of the turn on.
 bool ReadyWait::take_from_queue() {
   const int taken = epoll_wait(queue, reports.data(), static_cast<int>(reports.size()), 0);
-  lost = taken == -1 && errno != EINTR;
   reported = static_cast<size_t>(std::max(taken, 0));
   return reported > 0;
 }
@@ -201,8 +200,7 @@ void ReadyWait::add_reported(const epoll_event& report) {
 
 void ReadyWait::settle() {
   if (table.size() <= most_polled && !mixed) return;
-  if (lost) queue = -1;  // the number is another file's by now, or nobody's
-  if (stale || lost) close_queue();
+  if (stale) close_queue();
   if (!mixed) {
     for (const size_t position : ready_positions) {
       slots[static_cast<size_t>(table[position].fd)].last_turn = turn;
@@ -270,7 +268,7 @@ void ReadyWait::close_queue() {
   if (queue != -1) close(queue);
   queue = -1;
   queued_count = 0;
-  stale = lost = false;
+  stale = false;
   for (Slot& slot : slots) slot.queued = false;
 }
 

@@ -98,7 +98,6 @@ class ReadyWait {
   size_t queued_count = 0;
   bool any_hot = false;  // found by this turn: descriptors that go back to poll()
   bool stale = false;  // a file could not be taken out of the queue: its number is not its any more
-  bool lost = false;   // the queue's own number is not the queue's any more
   unsigned turn = 0;
   unsigned last_look = 0;  // the turn of the last look at how long the busy have been idle
   unsigned next_try = 0;   // the turn from which on the queue is asked first

@@ -315,29 +315,6 @@ TEST(ReadyWaitTimeTest, PartsThatTakeLongerDoNotMakeATimerLate) {
   VrnAppShell::evtmgr = nullptr;
 }
 
-// ---- a queue that is lost ----
-
-TEST_F(ReadyWaitTest, AQueueWhoseNumberIsClosedIsGivenUp) {
-  int queue = -1;
-  int turns = 0;
-  loop.on_dispatcher([&] {
-    for (const int fd : open_descriptors()) {
-      const std::string link = "/proc/self/fd/" + std::to_string(fd);
-      char target[64]{};
-      if (readlink(link.c_str(), target, sizeof target - 1) > 0 &&
-          std::string(target) == "anon_inode:[eventpoll]") {
-        queue = fd;
-      }
-    }
-    ASSERT_NE(queue, -1);
-    close(queue);
-    for (const auto& connection : connections) connection->send("x");
-  });
-  loop.before_poll = [&] { ++turns; };
-  loop.run_until([&] { return receiver.received.size() == Many; });
-  EXPECT_LT(turns, 10000);
-}
-
 // ---- a queue that refuses ----
 
 TEST_F(ReadyWaitTest, WhatTheQueueHasNoRoomForIsHeard) {

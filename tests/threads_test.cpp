@@ -974,51 +974,5 @@ TEST(ForkTest, AnObjectEndsInAChildThatWasForkedDuringItsCallback) {
   EXPECT_TRUE(ended);
 }
 
-std::atomic<int> children{0};
-
-void fork_one(int) {
-  const int saved_errno = errno;
-  const pid_t child = fork();
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
-  ++children;
-  errno = saved_errno;
-}
-
-// A signal may come at any moment of a turn. A process of its own is the sender, so that the loop's
-// has one thread.
-TEST(ForkTest, ASignalHandlerForksInTheMiddleOfATurn) {
-  struct sigaction action {};
-  action.sa_handler = fork_one;
-  sigaction(SIGUSR2, &action, nullptr);
-  constexpr int signals = 100;
-  const pid_t loop_process = getpid();
-  const pid_t sender = fork();
-  if (sender == 0) {
-    alarm(60);
-    while (getppid() == loop_process && kill(loop_process, SIGUSR2) == 0) usleep(2000);
-    _exit(0);
-  }
-  Loop loop;
-  std::vector<std::unique_ptr<Connection>> ring(100);
-  RecordingReceiver receiver("ring");
-  for (auto& connection : ring) {
-    connection = std::make_unique<Connection>();
-    loop.on_dispatcher([&] { receiver.aioStart(&connection->file); });
-  }
-  size_t next = 0;
-  receiver.on_ready = [&](VrnFile* file) {
-    char byte;
-    if (read(file->fd, &byte, 1) == 1) ring[next++ % ring.size()]->send("x");
-  };
-  loop.on_dispatcher([&] { ring[0]->send("x"); });
-  alarm(60);  // of a fork() that hangs nobody else could tell
-  loop.run_until([&] { return children >= signals; });
-  alarm(0);
-  kill(sender, SIGKILL);
-  waitpid(sender, nullptr, 0);
-  EXPECT_GE(children, signals);
-}
-
 }  // namespace
 }  // namespace vornfc
