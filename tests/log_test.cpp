@@ -260,6 +260,9 @@ TEST_F(LogTest, PercentSignsInTextsAreText) {
 
 // What it leaves of the text is the system's to tell.
 TEST_F(LogTest, FormatThatEndsInAConversionLeavesAWholeRecord) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer's vsnprintf() ends the process";
+#endif
   VrnLog log("app", path("log").c_str(), NEVER, 3, "", NONE);
   for (const char* const format : {"full: 100%", "full: 100%l"}) log.log(3, format, 0L);
   log.log(3, "next");
