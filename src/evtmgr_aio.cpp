@@ -187,18 +187,17 @@ void VrnEvtMgrNative::remove_entry(iofile_t* record) {
   iofiles[static_cast<size_t>(last.fd)].pidx = position;
 }
 
-// Reads an entry and its record again after a callback. False: the registration has ended. The
+// Reads an entry again after a callback. False: the registration has ended. The
 // loop's own entries have what is not delivered yet of their returned events; whoever else has an
 // entry handled keeps those that are asked for still.
-bool VrnEvtMgrNative::refresh(pollfd* entry, iofile_t* record, bool of_loop) const {
+bool VrnEvtMgrNative::refresh(pollfd* entry, unsigned serial, bool of_loop) const {
   if (walking && !pollfds_changed) return true;
   const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
-  if (current.pidx == -1 || current.serial != record->serial) return false;
+  if (current.pidx == -1 || current.serial != serial) return false;
   const short returned = entry->revents;
   *entry = pollfds[static_cast<size_t>(current.pidx)];
   const int wanted = entry->events | POLLERR | POLLHUP | POLLNVAL;
   if (!of_loop) entry->revents = static_cast<short>(returned & wanted);
-  *record = current;
   return true;
 }
 
@@ -206,27 +205,29 @@ void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
   if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
   Lock lock(registry);
   if (static_cast<size_t>(entry->fd) >= iofiles.size()) return;  // never watched; -1 too
-  const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
-  if (record->file == current.file) record->serial = current.serial;
-  handle_ready(&lock, entry, record, false);
+  const auto fd = static_cast<size_t>(entry->fd);
+  if (record->file == iofiles[fd].file) record->serial = iofiles[fd].serial;
+  handle_ready(&lock, entry, record->serial, false);
+  const iofile_t& current = iofiles[fd];
+  if (current.pidx != -1 && current.serial == record->serial) *record = current;
 }
 
 // Readable data comes before a hang-up that is reported with it; the hang-up is handled at a later
 // turn, when there is no data any more.
-void VrnEvtMgrNative::handle_ready(Lock* lock, pollfd* entry, iofile_t* record, bool of_loop) {
+void VrnEvtMgrNative::handle_ready(Lock* lock, pollfd* entry, unsigned serial, bool of_loop) {
   if (entry->revents & POLLOUT) {
-    call_ready(lock, entry->fd, record->serial, slot_of(false));
-    if (!refresh(entry, record, of_loop)) return;
+    call_ready(lock, entry->fd, serial, slot_of(false));
+    if (!refresh(entry, serial, of_loop)) return;
   }
   if (entry->revents & (POLLIN | POLLPRI)) {
-    call_ready(lock, entry->fd, record->serial, slot_of(true));
+    call_ready(lock, entry->fd, serial, slot_of(true));
     return;
   }
   if ((entry->revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return;
   const bool err = (entry->revents & (POLLERR | POLLNVAL)) != 0;
-  for (size_t slot = 0; slot < record->aios.size(); ++slot) {
+  for (const size_t slot : {slot_of(true), slot_of(false)}) {
     const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
-    if (current.pidx == -1 || current.serial != record->serial) return;
+    if (current.pidx == -1 || current.serial != serial) return;
     curaio = current.aios[slot];
     if (curaio) stop_watch(lock, current.file, curaio, true, true, err);
   }

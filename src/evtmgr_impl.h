@@ -5,6 +5,9 @@
 
 #include <poll.h>
 #include <pthread.h>
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
 
 #include <atomic>
 #include <condition_variable>
@@ -25,12 +28,25 @@ extern std::atomic<pthread_t> registry_holder;
 inline bool holds_registry() {
   return pthread_equal(registry_holder.load(std::memory_order_relaxed), pthread_self()) != 0;
 }
+
+// A process of one thread has nobody who could want the registry lock, so its loop does without: a
+// pair of lock and unlock a turn and another for every callback would be a tenth of what an event
+// costs. Only a callback can start the second thread, and the loop asks behind each of them.
+inline bool alone() {
+#if __has_include(<sys/single_threaded.h>)
+  return __libc_single_threaded;
+#else
+  return false;
+#endif
+}
+
+// How the loop takes and releases the lock: both do nothing where that is done already.
 inline void take_registry(std::unique_lock<std::mutex>* lock) {
   registry_holder.store(pthread_self(), std::memory_order_relaxed);
-  lock->lock();
+  if (!lock->owns_lock() && !alone()) lock->lock();
 }
 inline void release_registry(std::unique_lock<std::mutex>* lock) {
-  lock->unlock();
+  if (lock->owns_lock()) lock->unlock();
   registry_holder.store(pthread_t{}, std::memory_order_relaxed);
 }
 
@@ -75,17 +91,18 @@ inline VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* regis
       objects{object, second},
       thread(pthread_self()),
       marked(holds_registry()),
+      locked(lock->owns_lock()),
       outer(manager->callbacks) {
   mgr->callbacks = this;
   callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) + 1,
                           std::memory_order_relaxed);
-  lock->unlock();
+  if (locked) lock->unlock();
   if (marked) registry_holder.store(pthread_t{}, std::memory_order_relaxed);
 }
 
 inline VrnEvtMgrNative::Callback::~Callback() {
   if (marked) registry_holder.store(thread, std::memory_order_relaxed);
-  lock->lock();
+  if (locked || !alone()) lock->lock();
   // The first, but for a callback that an operation on another thread makes meanwhile.
   Callback** link = &mgr->callbacks;
   while (*link != this) link = &(*link)->outer;

@@ -12,9 +12,6 @@
 
 #include <strings.h>
 #include <sys/time.h>
-#if __has_include(<sys/single_threaded.h>)
-#include <sys/single_threaded.h>
-#endif
 #include <unistd.h>
 
 #include <algorithm>
@@ -60,16 +57,6 @@ int timer_precision() {
   const char* const text = getenv("VORN_EM_TIMERPREC");
   const long value = text ? strtol(text, nullptr, 10) : 0;
   return static_cast<int>(std::clamp<long>(value, MinTimerPrecision, INT_MAX));
-}
-
-// A process of one thread has nobody who could want the registry lock during a look at the queue,
-// and nobody comes meanwhile: keeping it saves a pair of lock and unlock a turn.
-bool alone() {
-#if __has_include(<sys/single_threaded.h>)
-  return __libc_single_threaded;
-#else
-  return false;
-#endif
 }
 
 template <class Container>
@@ -169,7 +156,8 @@ void VrnEvtMgrNative::syncstopDispatcher() {
 // One turn: signals, timers, descriptors. Application code runs in every step and may change any
 // registration or stop the loop, so each step looks at the containers afresh. The registry lock is
 // handed from step to step, and is free while the loop sleeps and during each callback: to take it
-// for every step by itself would cost as much as all that the loop does for an event.
+// for every step by itself would cost as much as all that the loop does for an event. While the
+// process has one thread the loop does without.
 void VrnEvtMgrNative::dispatcher() {
   {
     const Sizes size = sizes();
@@ -234,7 +222,7 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
   }
   if (!alone()) release_registry(lock);
   if (!ready_wait->look()) {
-    if (lock->owns_lock()) release_registry(lock);
+    release_registry(lock);
     if (!ready_wait->poll(timeout)) {
       if (errno != EINTR) {
         throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
@@ -244,7 +232,7 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
       return 0;
     }
   }
-  if (!lock->owns_lock()) take_registry(lock);
+  take_registry(lock);
   ready_wait->collect();
   walked = next_of_ready = 0;
   int ready = count(ready_wait->ready());
@@ -271,29 +259,30 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
 // The walk goes by position, and reads the entry count again after every callback. An entry that a
 // callback moves into a position already passed waits for the next turn.
 void VrnEvtMgrNative::deliver_ready(Lock* lock, int ready) {
-  for (; ready > 0; ++walked, --ready) {
-    pollfd entry;
-    iofile_t record;
-    if (!next_ready(&entry, &record)) break;
+  pollfd entry;
+  for (; ready > 0 && next_ready(&entry); ++walked, --ready) {
+    const unsigned serial = iofiles[static_cast<size_t>(entry.fd)].serial;
     curaio = nullptr;
+    bool threw = false;
     try {
-      handle_ready(lock, &entry, &record, true);
+      handle_ready(lock, &entry, serial, true);
     } catch (...) {
       if (throwtasks || !curaio) throw;
+      threw = true;
       release_registry(lock);
       vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
-      end_thrown_watch(entry.fd, record.serial);
+      end_thrown_watch(entry.fd, serial);
     }
     // Not in the handler: the exception ends with it, and may own objects that take the lock to
     // end.
-    if (!lock->owns_lock()) take_registry(lock);
+    if (threw) take_registry(lock);
   }
   walking = false;
 }
 
 // Most turns change no registration: the walk then goes over what the wait has found, and pollfds
 // is not even looked at.
-bool VrnEvtMgrNative::next_ready(pollfd* entry, iofile_t* record) {
+bool VrnEvtMgrNative::next_ready(pollfd* entry) {
   if (pollfds_changed) {
     while (walked < pollfds.size() && pollfds[walked].revents == 0) ++walked;
     if (walked >= pollfds.size()) return false;
@@ -303,7 +292,6 @@ bool VrnEvtMgrNative::next_ready(pollfd* entry, iofile_t* record) {
     walked = ready_wait->ready()[next_of_ready++];
     *entry = ready_wait->entries()[walked];
   }
-  *record = iofiles[static_cast<size_t>(entry->fd)];
   return true;
 }
 

@@ -93,7 +93,9 @@ void ReadyWait::list_busy() {
 // Where nothing is busy the queue alone knows who is ready, so in a lively time it is asked first:
 // most often poll() has nothing to wait for.
 bool ReadyWait::look() {
-  for (const size_t position : ready_positions) table[position].revents = 0;
+  if (mixed) {  // poll() on the table does it itself
+    for (const size_t position : ready_positions) table[position].revents = 0;
+  }
   ready_positions.clear();
   reported = 0;
   checked.clear();
@@ -201,6 +203,11 @@ void ReadyWait::add_reported(const epoll_event& report) {
 void ReadyWait::settle() {
   if (table.size() <= most_polled && !mixed) return;
   if (stale) close_queue();
+  if (!mixed && ready_positions.size() > table.size() / 2) {
+    // As cheap as waiting can be. Who is idle shows from here on.
+    last_look = turn;
+    return;
+  }
   if (!mixed) {
     for (const size_t position : ready_positions) {
       slots[static_cast<size_t>(table[position].fd)].last_turn = turn;

@@ -21,6 +21,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <future>
 #include <iterator>
@@ -822,6 +823,35 @@ TEST_F(Pounding, ReceiversComeAndGo) {
 
 TEST_F(Pounding, AllKindsOfObjectsComeAndGo) {
   pound({timers, watchers, receivers});
+}
+
+// A loop that was the process's only thread when it began: others come in the middle of a turn.
+TEST_F(Pounding, ThreadsThatACallbackStarts) {
+  std::vector<std::thread> others;
+  std::atomic<int> at_work{threads};
+  CountingTimer starter("starter", [&] {
+    for (int number = 0; number < threads; ++number) {
+      others.emplace_back([&, number] {
+        std::mt19937 random(seed + static_cast<unsigned>(number));
+        for (int i = 0; i < rounds; ++i) use_timer(&random);
+        if (--at_work == 0) mgr->stopDispatcher();
+      });
+    }
+  });
+  starter.startTimerAbs(1, 0, 0, 0);
+  int expired = 0;
+  std::deque<CountingTimer> rest_of_turn;
+  for (int i = 1; i <= 2000; ++i) {
+    rest_of_turn.emplace_back("rest", [&] {
+      ++expired;
+      std::this_thread::sleep_for(microseconds(10));
+    });
+    rest_of_turn.back().startTimerAbs(1, i, 0, 0);
+  }
+  mgr->startDispatcher();
+  for (std::thread& other : others) other.join();
+  EXPECT_EQ(at_work, 0);
+  EXPECT_EQ(expired, 2000);
 }
 
 // One timer that everybody starts and stops, its own callback included.

@@ -137,6 +137,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
     std::array<const void*, 2> objects;
     const pthread_t thread;  // that runs it
     const bool marked;       // as the one that holds the lock, which it is again afterwards
+    const bool locked;       // the lock was taken, and is again afterwards
     Callback* outer;
   };
 
@@ -144,10 +145,10 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   int fire_due_timers(Lock* lock);
   int wait_for_events(Lock* lock, int timeout);
   void deliver_ready(Lock* lock, int count);
-  bool next_ready(pollfd* entry, iofile_t* record);
-  void handle_ready(Lock* lock, pollfd* entry, iofile_t* record, bool of_loop);
+  bool next_ready(pollfd* entry);
+  void handle_ready(Lock* lock, pollfd* entry, unsigned serial, bool of_loop);
   void call_ready(Lock* lock, int fd, unsigned serial, size_t slot);
-  bool refresh(pollfd* entry, iofile_t* record, bool of_loop) const;
+  bool refresh(pollfd* entry, unsigned serial, bool of_loop) const;
   void before_change();
   void end_thrown_watch(int fd, unsigned serial);
   void report_timers();
