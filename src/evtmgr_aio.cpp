@@ -187,9 +187,9 @@ void VrnEvtMgrNative::remove_entry(iofile_t* record) {
   iofiles[static_cast<size_t>(last.fd)].pidx = position;
 }
 
-// Reads an entry again after a callback. False: the registration has ended. The
-// loop's own entries have what is not delivered yet of their returned events; whoever else has an
-// entry handled keeps those that are asked for still.
+// Reads an entry again after a callback. False: the registration has ended. The loop's own entries
+// have what is not delivered yet of their returned events; whoever else has an entry handled keeps
+// those that are asked for still.
 bool VrnEvtMgrNative::refresh(pollfd* entry, unsigned serial, bool of_loop) const {
   if (walking && !pollfds_changed) return true;
   const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
@@ -204,8 +204,8 @@ bool VrnEvtMgrNative::refresh(pollfd* entry, unsigned serial, bool of_loop) cons
 void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
   if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
   Lock lock(registry);
-  if (static_cast<size_t>(entry->fd) >= iofiles.size()) return;  // never watched; -1 too
   const auto fd = static_cast<size_t>(entry->fd);
+  if (fd >= iofiles.size()) return;  // never watched; -1 too
   if (record->file == iofiles[fd].file) record->serial = iofiles[fd].serial;
   handle_ready(&lock, entry, record->serial, false);
   const iofile_t& current = iofiles[fd];

@@ -22,16 +22,18 @@ namespace vornfc {
 extern std::mutex registry;
 extern VrnEvtMgrNative* native_manager;  // guarded by registry
 
-// The loop's thread while it holds the registry lock, and a moment before and after; 0: it does
-// not. A signal handler that runs there may call fork(), which would wait for the lock for ever.
+// The loop's thread while it holds the registry lock, or does without it in the middle of a turn,
+// and a moment before and after; 0: it does not. A signal handler that runs there may call fork(),
+// which would wait for the lock for ever.
 extern std::atomic<pthread_t> registry_holder;
 inline bool holds_registry() {
   return pthread_equal(registry_holder.load(std::memory_order_relaxed), pthread_self()) != 0;
 }
 
-// A process of one thread has nobody who could want the registry lock, so its loop does without: a
-// pair of lock and unlock a turn and another for every callback would be a tenth of what an event
-// costs. Only a callback can start the second thread, and the loop asks behind each of them.
+// A process that has not started a second thread has nobody who could want the registry lock, so
+// its loop does without: a pair of lock and unlock a turn and another for every callback would be a
+// tenth of what an event costs. Only a callback can start that thread (the functions that an
+// application defines for the library must not), and the loop asks behind each of them.
 inline bool alone() {
 #if __has_include(<sys/single_threaded.h>)
   return __libc_single_threaded;
@@ -40,7 +42,7 @@ inline bool alone() {
 #endif
 }
 
-// How the loop takes and releases the lock: both do nothing where that is done already.
+// How the loop takes and releases the lock. Either may find it done.
 inline void take_registry(std::unique_lock<std::mutex>* lock) {
   registry_holder.store(pthread_self(), std::memory_order_relaxed);
   if (!lock->owns_lock() && !alone()) lock->lock();
@@ -60,7 +62,7 @@ inline void notify_waiting() {
   if (waiting > 0) change.notify_all();
 }
 
-extern std::atomic<int> callbacks_running;  // changed under the registry lock
+extern std::atomic<int> callbacks_running;  // guarded like the registrations
 
 // Ends the wait of the loop by a record in the registrar's pipe. Any thread, signal handlers too.
 void send_wake() noexcept;

@@ -101,7 +101,7 @@ VrnEvtMgrNative::~VrnEvtMgrNative() {
 }
 
 // A process that is forked while another thread holds the registry lock must not have it locked.
-// Where the thread itself holds it, a signal handler forks in the middle of a turn: the child of
+// Where the thread itself has it, a signal handler forks in the middle of a turn: the child of
 // that is for leaving or for another program only, and finds things as they are.
 void VrnEvtMgrNative::guard_forks() {
   static const int once = pthread_atfork(
@@ -114,6 +114,7 @@ void VrnEvtMgrNative::guard_forks() {
       [] {
         if (!holds_registry()) {
           VrnEvtMgrNative::forked();
+          registry_holder.store(pthread_t{}, std::memory_order_relaxed);  // it may be on its way
           registry.unlock();
         }
         forget_wakers();
@@ -220,9 +221,8 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
     ready_wait->assign(pollfds, serials);
     pollfds_changed = false;
   }
-  if (!alone()) release_registry(lock);
+  release_registry(lock);
   if (!ready_wait->look()) {
-    release_registry(lock);
     if (!ready_wait->poll(timeout)) {
       if (errno != EINTR) {
         throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
@@ -263,19 +263,17 @@ void VrnEvtMgrNative::deliver_ready(Lock* lock, int ready) {
   for (; ready > 0 && next_ready(&entry); ++walked, --ready) {
     const unsigned serial = iofiles[static_cast<size_t>(entry.fd)].serial;
     curaio = nullptr;
-    bool threw = false;
     try {
       handle_ready(lock, &entry, serial, true);
     } catch (...) {
       if (throwtasks || !curaio) throw;
-      threw = true;
       release_registry(lock);
       vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
       end_thrown_watch(entry.fd, serial);
     }
     // Not in the handler: the exception ends with it, and may own objects that take the lock to
     // end.
-    if (threw) take_registry(lock);
+    take_registry(lock);
   }
   walking = false;
 }

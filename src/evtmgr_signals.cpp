@@ -109,7 +109,7 @@ void VrnEvtMgrNative::sigResponse(bool received, VrnSignalHandler* handler, int 
 }
 
 // The flag is cleared before the scan, so a signal that arrives during it is seen at the next turn.
-// It is looked at first, which costs every turn nothing, other than a locked instruction.
+// It is looked at first: to exchange it would cost every turn a locked instruction.
 void VrnEvtMgrNative::deliver_signals(Lock* lock) {
   if (!sig_ready) return;
   sig_ready = 0;

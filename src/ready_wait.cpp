@@ -93,7 +93,7 @@ void ReadyWait::list_busy() {
 // Where nothing is busy the queue alone knows who is ready, so in a lively time it is asked first:
 // most often poll() has nothing to wait for.
 bool ReadyWait::look() {
-  if (mixed) {  // poll() on the table does it itself
+  if (mixed) {  // poll() on the table does it itself, or the loop ends
     for (const size_t position : ready_positions) table[position].revents = 0;
   }
   ready_positions.clear();
@@ -113,10 +113,14 @@ bool ReadyWait::poll(int timeout) {
 }
 
 bool ReadyWait::plain_poll(int timeout) {
-  const int count = ::poll(table.data(), table.size(), timeout);
+  int count = ::poll(table.data(), table.size(), timeout);
   if (count == -1) return false;
-  for (size_t i = 0; i < table.size() && ready_positions.size() < static_cast<size_t>(count); ++i) {
-    if (table[i].revents != 0) ready_positions.push_back(i);
+  const pollfd* const entries = table.data();
+  const size_t size = table.size();
+  for (size_t i = 0; count > 0 && i < size; ++i) {
+    if (entries[i].revents == 0) continue;
+    ready_positions.push_back(i);
+    --count;
   }
   return true;
 }
@@ -203,11 +207,6 @@ void ReadyWait::add_reported(const epoll_event& report) {
 void ReadyWait::settle() {
   if (table.size() <= most_polled && !mixed) return;
   if (stale) close_queue();
-  if (!mixed && ready_positions.size() > table.size() / 2) {
-    // As cheap as waiting can be. Who is idle shows from here on.
-    last_look = turn;
-    return;
-  }
   if (!mixed) {
     for (const size_t position : ready_positions) {
       slots[static_cast<size_t>(table[position].fd)].last_turn = turn;

@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -209,6 +210,11 @@ struct Precision {
   const char* value;  // of the variable; null: not set
   int microseconds;   // that make a millisecond of waiting
 };
+
+// Or GoogleTest shows its bytes, the padding too.
+std::ostream& operator<<(std::ostream& out, const Precision& precision) {
+  return out << precision.microseconds << " us";
+}
 
 class PrecisionTest : public SettingsTest, public testing::WithParamInterface<Precision> {};
 

@@ -104,8 +104,9 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   void sigResponse(bool received, VrnSignalHandler* handler, int signo);
 
   /// Calls the watchers of one descriptor. Both arguments are the caller's copies, and may be
-  /// changed. Nothing happens for a descriptor that is not watched. Throws VrnException 3 when one
-  /// is null, and what a watcher's aioReady() throws.
+  /// changed: `*record` is afterwards what is registered, unless that has ended. Nothing happens
+  /// for a descriptor that is not watched. Throws VrnException 3 when one is null, and what a
+  /// watcher's aioReady() throws.
   void handleIO(pollfd* entry, iofile_t* record);
 
  private:
@@ -124,7 +125,8 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
 
   // One callback that is running, the latest first: while it is, its objects may only be destroyed
   // by its own thread and the dispatcher's; other threads wait for the end of the callback. The
-  // registry lock is released from the constructor to the destructor, which takes it again.
+  // registry lock is released from the constructor to the destructor, which takes it again, and
+  // also where the loop did without it and the callback has started a second thread.
   class __attribute__((visibility("hidden"))) Callback {
    public:
     Callback(VrnEvtMgrNative* mgr, Lock* lock, const void* object, const void* second = nullptr);
