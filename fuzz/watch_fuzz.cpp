@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -371,7 +372,11 @@ class Run {
 
   short events_of(int file, short asked) const {
     pollfd entry{channels[file].file->fd, asked, 0};
-    require(poll(&entry, 1, 0) != -1, "poll() failed");
+    int count;
+    do {
+      count = poll(&entry, 1, 0);
+    } while (count == -1 && errno == EINTR);  // the fuzzer's own alarm
+    require(count != -1, "poll() failed");
     return entry.revents;
   }
 
