@@ -4,6 +4,7 @@
 #include "support/log_capture.h"
 #include "support/loop.h"
 #include "support/planned_call.h"
+#include "support/sanitizers.h"
 #include "support/wait_for.h"
 #include "vornfc/appshell.h"
 #include "vornfc/exception.h"
@@ -85,7 +86,7 @@ using Removals = std::vector<Cancelled>;
 using Failure = std::pair<int, std::string>;
 using Texts = std::vector<std::string>;
 
-#if defined(__SANITIZE_THREAD__)
+#ifdef VORNFC_TEST_TSAN
 constexpr int rounds = 500;
 #else
 constexpr int rounds = 3000;

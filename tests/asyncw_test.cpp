@@ -3,6 +3,7 @@
 #include "support/log_capture.h"
 #include "support/loop.h"
 #include "support/polling.h"
+#include "support/sanitizers.h"
 #include "support/wait_for.h"
 #include "vornfc/appshell.h"
 #include "vornfc/exception.h"
@@ -31,14 +32,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#define VORNFC_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define VORNFC_TEST_SANITIZED 1
-#endif
-#endif
 
 // The write() and the malloc() of the library, as this program defines them.
 namespace {

@@ -5,6 +5,7 @@
 #include "support/loop.h"
 #include "support/manager.h"
 #include "support/planned_call.h"
+#include "support/sanitizers.h"
 #include "support/wait_for.h"
 #include "vornfc/appshell.h"
 #include "vornfc/exception.h"
@@ -36,14 +37,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#if defined(__SANITIZE_THREAD__)
-#define VORNFC_TEST_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VORNFC_TEST_TSAN 1
-#endif
-#endif
 
 // alarm() as this program defines it: recorded, and open to a test that wants another time.
 namespace {

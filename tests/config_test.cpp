@@ -3,6 +3,7 @@
 #include "vornfc/config.h"
 
 #include "support/allocations.h"
+#include "support/sanitizers.h"
 #include "support/wait_for.h"
 #include "vornfc/exception.h"
 
@@ -411,19 +412,13 @@ TEST_F(ConfigTest, ManyNamesAreFound) {
   EXPECT_EQ(config.value("group0", "item100", false, 0), "");
 }
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr bool Sanitized = true;
-#elif defined(__has_feature)
-constexpr bool Sanitized = __has_feature(thread_sanitizer) || __has_feature(address_sanitizer);
-#else
-constexpr bool Sanitized = false;
-#endif
-
 // The locale is that of the application. One of eight bits is made for the test.
 class ConfigLocaleTest : public ConfigTest {
  protected:
   void SetUp() override {
-    if (Sanitized) GTEST_SKIP() << "the sanitizer's strcasecmp() knows no locale";
+#ifdef VORNFC_TEST_SANITIZED
+    GTEST_SKIP() << "the sanitizer's strcasecmp() knows no locale";
+#endif
   }
 
   // False: the system has nothing to make it of.

@@ -1,6 +1,7 @@
 #include "vornfc/file.h"
 
 #include "support/log_capture.h"
+#include "support/sanitizers.h"
 #include "vornfc/exception.h"
 
 #include <dlfcn.h>
@@ -27,14 +28,6 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
-
-#if defined(__SANITIZE_THREAD__)
-#define VORNFC_TEST_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VORNFC_TEST_TSAN 1
-#endif
-#endif
 
 // The system calls of the library, as this program defines them: counted, and open to a test that
 // wants to act at the very moment of a call.

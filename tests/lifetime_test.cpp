@@ -5,6 +5,7 @@
 #include "support/log_capture.h"
 #include "support/loop.h"
 #include "support/polling.h"
+#include "support/sanitizers.h"
 #include "vornfc/appshell.h"
 #include "vornfc/async_rcvr.h"
 #include "vornfc/evtmgr_native.h"
@@ -29,14 +30,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#if defined(__SANITIZE_THREAD__)
-#define VORNFC_TEST_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VORNFC_TEST_TSAN 1
-#endif
-#endif
 
 namespace vornfc {
 namespace {

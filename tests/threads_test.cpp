@@ -3,6 +3,7 @@
 
 #include "support/loop.h"
 #include "support/polling.h"
+#include "support/sanitizers.h"
 #include "support/wait_for.h"
 #include "vornfc/appshell.h"
 #include "vornfc/async_rcvr.h"
@@ -30,14 +31,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#if defined(__SANITIZE_THREAD__)
-#define VORNFC_TEST_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define VORNFC_TEST_TSAN 1
-#endif
-#endif
 
 namespace vornfc {
 namespace {
