@@ -42,16 +42,16 @@ VrnSocket::VrnSocket(bool isServer, const char* spec, bool isTcp) : tcp(isTcp), 
 VrnSocket::~VrnSocket() = default;
 
 void VrnSocket::setup(unsigned* addr, int port) {
-  address = {};
+  sockaddr_in wanted{};
   std::string label = server ? "S/" : "C/";
   label += tcp ? "TCP-" : "UDP-";
   if (port == -1) {
     label += "unconnected";
   } else {
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = addr ? *addr : htonl(server ? INADDR_ANY : INADDR_LOOPBACK);
-    label += inet_ntoa(address.sin_addr);
+    wanted.sin_family = AF_INET;
+    wanted.sin_port = htons(static_cast<std::uint16_t>(port));
+    wanted.sin_addr.s_addr = addr ? *addr : htonl(server ? INADDR_ANY : INADDR_LOOPBACK);
+    label += inet_ntoa(wanted.sin_addr);
     label += ":" + std::to_string(port);
   }
 
@@ -59,6 +59,7 @@ void VrnSocket::setup(unsigned* addr, int port) {
   if (created.get() == -1) throw VrnException(2, "Failed to create %s socket", label.c_str());
   assign(created.get(), label, true);
   created.release();
+  address = wanted;
 }
 
 void VrnSocket::setup(const char* host, const char* port) {

@@ -470,6 +470,21 @@ TEST_F(AioTest, StopOnAnotherThreadIsDoneAtOnce) {
   EXPECT_EQ(reader.cancelled, Cancellations{});
 }
 
+TEST_F(AioTest, StopOnAnotherThreadAlsoEndsAStartOnItsWay) {
+  Connection connection;
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  connection.send("hello");
+  loop.on_dispatcher([&] {
+    EXPECT_TRUE(loop.mgr->startAIO(&connection.file, &reader));
+    elsewhere([&] { EXPECT_TRUE(loop.mgr->stopAIO(&connection.file, &reader)); });
+  });
+  for (int i = 0; i < 3; ++i) loop.on_dispatcher([] {});
+  loop.run_calls();
+  EXPECT_EQ(reader.ready, 0);
+  EXPECT_EQ(reader.cancelled, Cancellations{});
+  EXPECT_EQ(loop.entries.size(), 1U);  // the registrar's pipe
+}
+
 TEST_F(AioTest, StopOfAWatcherThatIsNotRegisteredCallsNobody) {
   Connection connection;
   RecordingAIO reader(RecordingAIO::Input, "reader");

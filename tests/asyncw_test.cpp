@@ -273,6 +273,9 @@ class Channel {
 class Writer : public VrnAsyncWriter {
  public:
   explicit Writer(VrnFile* file, bool owns = false) : VrnAsyncWriter(file, owns) {}
+  ~Writer() override {
+    if (on_end) on_end();
+  }
 
   void aioReady(VrnFile* file) override {
     ++ready;
@@ -292,6 +295,7 @@ class Writer : public VrnAsyncWriter {
   std::vector<Cancelled> cancelled;
   Call after_ready;
   Call after_cancelled;
+  Call on_end;
 };
 
 // Takes the writer's place at its descriptor. Being ready all the time, it keeps the loop from
@@ -1671,6 +1675,24 @@ TEST_F(AsyncWriterEndTest, DestroyedElsewhereAfterADrainWhoseStopIsInThePipe) {
   });
   loop.when([&] { return gone.load(); }, [&] { loop.mgr->stopAIO(&connection.file, &next); });
   run_to_the_end();
+}
+
+// The destructors of a class derived from the writer's come after the override that still runs.
+TEST_F(AsyncWriterEndTest, DestroyedElsewhereDuringItsCallback) {
+  std::atomic<bool> ended{false};
+  std::thread other;
+  writer->on_end = [&] { ended = true; };
+  loop.on_dispatcher([&] {
+    send_part();
+    writer->after_ready = [&] {
+      other = std::thread([&] { writer->destroy(); });
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      EXPECT_FALSE(ended);
+    };
+  });
+  run_to_the_end();
+  other.join();
+  EXPECT_TRUE(ended);
 }
 
 TEST_F(AsyncWriterEndTest, DestroyedWithBytesQueuedWhileTheStopIsUnderWay) {

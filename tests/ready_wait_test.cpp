@@ -348,22 +348,28 @@ TEST_F(ReadyWaitTest, WithoutAQueueAllAreHeard) {
 
 // ---- settings ----
 
-int queues_made_with(const char* poll_only) {
+int queues_made_with(const char* poll_only, const char* most_polled, int turns) {
   setenv("VORN_EM_POLLONLY", poll_only, 1);
-  setenv("VORN_EM_POLLMAX", "0", 1);
+  setenv("VORN_EM_POLLMAX", most_polled, 1);
   Loop loop;
   Connection idle;
   RecordingAIO reader(RecordingAIO::Input, "reader");
   elsewhere([&] { loop.mgr->startAIO(&idle.file, &reader); });
-  for (int i = 0; i < 10; ++i) loop.on_dispatcher([] {});
+  for (int i = 0; i < turns; ++i) loop.on_dispatcher([] {});
   loop.run_calls();
   return sys::calls("epoll_create1");
 }
 
 TEST(ReadyWaitSettingTest, PollOnlyIsNothingButY) {
-  EXPECT_EQ(queues_made_with("y"), 0);
-  EXPECT_EQ(queues_made_with("Y"), 0);
-  EXPECT_GT(queues_made_with("n"), 0);
+  EXPECT_EQ(queues_made_with("y", "0", 10), 0);
+  EXPECT_EQ(queues_made_with("Y", "0", 10), 0);
+  EXPECT_GT(queues_made_with("n", "0", 10), 0);
+}
+
+// Idle for one turn is enough then, so that the queue is what a short test tests.
+TEST(ReadyWaitSettingTest, WithoutAThresholdTheQueueIsUsedAtOnce) {
+  EXPECT_EQ(queues_made_with("n", "1", 3), 0);
+  EXPECT_GT(queues_made_with("n", "0", 3), 0);
 }
 
 TEST(ReadyWaitMemoryTest, AnIdleDescriptorTakesLessThan200Bytes) {

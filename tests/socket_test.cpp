@@ -254,9 +254,11 @@ TEST(SocketTest, SecondSetupIsRefusedAndLeavesNoDescriptorOpen) {
   const int next = next_descriptor();
   EXPECT_EQ(failure_of([&] { socket.setup(nullptr, 90); }).first, 3);
   EXPECT_EQ(failure_of([&] { socket.setup(nullptr, "90"); }).first, 3);
+  EXPECT_EQ(failure_of([&] { socket.setup(nullptr, -1); }).first, 3);
   EXPECT_EQ(next_descriptor(), next);
   EXPECT_EQ(socket.fd, fd);
   EXPECT_TRUE(is_open(fd));
+  EXPECT_EQ(socket.address.sin_port, htons(80));
 }
 
 // --- resolving -----------------------------------------------------------------------------------

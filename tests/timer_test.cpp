@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <memory>
 #include <ostream>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -529,6 +530,33 @@ TEST_F(TimerTest, MayBeDestroyedWhenItExpires) {
   timer->on_expired = [&] { timer.reset(); };
   loop.on_dispatcher([&] { timer->startTimer(0, 0, 0, 0); });
   loop.run_until([&] { return !timer; });
+}
+
+// Whichever timers are stopped, the others fire in the order of their times.
+TEST_F(TimerTest, StopsLeaveTheOthersInOrder) {
+  constexpr unsigned Count = 40;
+  std::mt19937 random(1);
+  std::vector<int> fired;
+  std::vector<std::unique_ptr<CountingTimer>> timers;
+  for (int round = 0; round < 300; ++round) {
+    loop.on_dispatcher([&] {
+      elsewhere([&] {
+        timers.clear();
+        for (unsigned i = 0; i < Count; ++i) {
+          const auto due = static_cast<int>(random() % 1000);
+          timers.emplace_back(new CountingTimer("t", [&fired, due] { fired.push_back(due); }));
+          timers.back()->startTimerAbs(1, due, 0, 0);
+        }
+        for (unsigned i = 0; i < Count / 2; ++i) timers[random() % Count]->stopTimer();
+      });
+    });
+    loop.on_dispatcher([&] {
+      EXPECT_GE(fired.size(), Count / 2);
+      EXPECT_TRUE(std::is_sorted(fired.begin(), fired.end()));
+      fired.clear();
+    });
+  }
+  loop.run_calls();
 }
 
 // A walk over the queue would make each of these stops cost a hundred times as much.
