@@ -35,7 +35,7 @@ class VORNFC_EXPORT VrnSocket : public VrnFile {
   ~VrnSocket() override;
 
   /// Fills `address` and creates, names and assigns the socket; the constructors do so, and a
-  /// second time throws VrnException 3.
+  /// second time throws VrnException 3 and changes nothing.
   ///
   /// `addr`: the IPv4 address in network order; null: any address for a server, the loopback
   /// address for a client. `port`: in host order, of which the low 16 bits count; -1: unconnected,
