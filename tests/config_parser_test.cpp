@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 
+#include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -212,6 +214,26 @@ TEST(ConfigParserTest, CopiedGroupNamesItsOwnItems) {
   ASSERT_EQ(group.itemnams.size(), 2u);
   EXPECT_EQ(group.itemnams[0], &group.items.find("b")->first);
   EXPECT_EQ(group.itemnams[1], &group.items.find("a")->first);
+}
+
+// Among many names each is then found at once.
+TEST(NocaseHashTest, NamesThatDifferAnywhereHardlyEverShareAHash) {
+  for (std::size_t length = 1; length <= 40; ++length) {
+    std::set<std::uint32_t> hashes;
+    for (std::size_t at = 0; at < length; ++at) {
+      for (char c = '0'; c <= '9'; ++c) {
+        std::string name(length, 'x');
+        name[at] = c;
+        hashes.insert(vornfc::nocase_hash(name));
+      }
+    }
+    EXPECT_GE(hashes.size(), 95 * length / 10) << "length " << length;
+  }
+}
+
+TEST(NocaseHashTest, TheCaseOfALetterDoesNotCount) {
+  EXPECT_EQ(vornfc::nocase_hash("Name"), vornfc::nocase_hash("nAME"));
+  EXPECT_EQ(vornfc::nocase_hash("a.LONGER.name"), vornfc::nocase_hash("A.longer.NAME"));
 }
 
 }  // namespace

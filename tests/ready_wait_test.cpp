@@ -1,10 +1,12 @@
 // The wait for many descriptors: with the kernel's queue, everything is as with poll() alone.
 #include "support/faults.h"
+#include "support/log_capture.h"
 #include "support/loop.h"
 #include "vornfc/appshell.h"
 #include "vornfc/evtmgr_native.h"
 #include "vornfc/file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -263,6 +265,42 @@ TEST_F(ReadyWaitTest, WhenMostAreStoppedTheOthersAreHeard) {
   });
   loop.run_until([&] { return receiver.received.size() == Left; });
   EXPECT_EQ(receiver.removed.size(), Many - Left);
+}
+
+bool queue_is_open() {
+  bool found = false;
+  DIR* const descriptors = opendir("/proc/self/fd");
+  while (const dirent* const entry = readdir(descriptors)) {
+    char target[64] = "";
+    if (readlinkat(dirfd(descriptors), entry->d_name, target, sizeof target - 1) == -1) continue;
+    found = found || std::string(target) == "anon_inode:[eventpoll]";
+  }
+  closedir(descriptors);
+  return found;
+}
+
+// With a half of those that poll() may have.
+TEST_F(ReadyWaitTest, WhenFewAreLeftTheQueueIsGivenUp) {
+  constexpr size_t Half = 32 - 1;  // besides the registrar's pipe
+  loop.on_dispatcher([&] {
+    for (size_t i = Half + 1; i < Many; ++i) receiver.aioStop(&connections[i]->file);
+  });
+  for (int i = 0; i < 3; ++i) loop.on_dispatcher([] {});
+  loop.on_dispatcher([&] {
+    EXPECT_TRUE(queue_is_open());
+    receiver.aioStop(&connections[Half]->file);
+  });
+  for (int i = 0; i < 3; ++i) loop.on_dispatcher([] {});
+  loop.on_dispatcher([] { EXPECT_FALSE(queue_is_open()); });
+  loop.run_calls();
+}
+
+TEST_F(ReadyWaitTest, AFailedWaitEndsTheLoop) {
+  const LogCapture log;
+  loop.on_dispatcher([] { sys::fail_next("poll", EBADF); });
+  loop.run();
+  EXPECT_TRUE(
+      log.contains("Error=2 (errno=9) - poll() on " + std::to_string(Many + 1) + " files failed"));
 }
 
 // The wait is cut into parts of a second, for a look at all of them.

@@ -528,6 +528,25 @@ TEST_F(RegistrarTest, UnreadStopIsConfirmedBehindTheLoop) {
   EXPECT_EQ(timer.stopped, 1);
 }
 
+TEST_F(RegistrarTest, UnreadStartsAreNotCarriedOutBehindTheLoop) {
+  CountingTimer first("first");
+  CountingTimer second("second");
+  Connection connection;
+  RecordingAIO reader(RecordingAIO::Input, "reader");
+  RecordingHandler handler;
+  loop.on_dispatcher([&] {
+    first.startTimer(60, 0, 0, 0);
+    second.startTimer(60, 0, 0, 0);
+    EXPECT_TRUE(loop.mgr->startAIO(&connection.file, &reader));
+    loop.mgr->startSignal(&handler, SIGUSR1);
+    sys::fail_next("poll", EBADF);
+  });
+  loop.run();
+  EXPECT_TRUE(has_line("EvtMgr: After dispatcher shutdown, tmrq=0, pollfds=0"));
+  EXPECT_FALSE(log.contains("remains"));
+  EXPECT_FALSE(log.contains("Signal Handlers"));
+}
+
 TEST_F(RegistrarTest, UnreadStopIsConfirmedWhenAnotherThreadStopsTheLoop) {
   CountingTimer timer("timer");
   loop.on_dispatcher([&] { timer.startTimer(60, 0, 0, 0); });
