@@ -265,7 +265,6 @@ void ReadyWait::dequeue(int fd, Slot* slot) {
   epoll_event event{};
   if (epoll_ctl(queue, EPOLL_CTL_DEL, fd, &event) == -1) stale = true;
   slot->queued = false;
-  slot->hot = 0;
   --queued_count;
 }
 
