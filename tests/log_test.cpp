@@ -236,12 +236,12 @@ TEST_F(LogTest, MessageIsCutSoThatTheRecordHas2047Characters) {
   VrnLog log("app", path("log").c_str(), NEVER, 3, "", MILLI);
   const std::string head = "20261115-13:05:09.042 INFO app-" + ids();
   const std::size_t room = 2047 - head.size();
+  std::string expected;
   for (const std::size_t length : {room - 1, room, room + 1, room + 5000}) {
     log.log(3, "%s", std::string(length, 'm').c_str());
-  }
-  std::string expected;
-  for (const std::size_t length : {room - 1, room, room, room}) {
-    expected += head + std::string(length, 'm') + "\n";
+    log.log(3, "%0*d", static_cast<int>(length), 0);
+    expected += head + std::string(std::min(length, room), 'm') + "\n";
+    expected += head + std::string(std::min(length, room), '0') + "\n";
   }
   EXPECT_EQ(slurp(path("log")), expected);
 }
