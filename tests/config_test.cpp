@@ -447,6 +447,9 @@ TEST_F(ConfigLocaleTest, TurkishHasTwoLettersI) {
   const VrnConfig config = parse("[g]\nI=1\ni=2\n");
   EXPECT_EQ(config.value("g", "\xfd", true, 0), "1");  // without a dot
   EXPECT_EQ(config.value("g", "\xdd", true, 0), "2");  // with a dot
+  const VrnConfig other = parse("[g]\n\xfd=1\n\xdd=2\n");
+  EXPECT_EQ(other.value("g", "I", true, 0), "1");
+  EXPECT_EQ(other.value("g", "i", true, 0), "2");
 }
 
 TEST_F(ConfigTest, NamesAreListedInTheOrderAndTheCaseOfTheFile) {

@@ -997,5 +997,54 @@ TEST(ForkTest, AnObjectEndsInAChildThatWasForkedDuringItsCallback) {
   EXPECT_TRUE(ended);
 }
 
+#ifndef VORNFC_TEST_TSAN  // which keeps a signal back until a call that waits
+
+volatile sig_atomic_t forks_in_handler = 0;
+
+// Whatever the loop is at, its lock included: it is the loop's own thread that forks.
+TEST(ForkTest, AHandlerOnTheLoopsThreadMayFork) {
+  VrnEvtMgr* const mgr = VrnEvtMgr::instance(0);
+  VrnAppShell::evtmgr = mgr;
+  struct sigaction action = {};
+  action.sa_handler = [](int) {
+    const int error = errno;
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    if (child > 0 && waitpid(child, nullptr, 0) == child) forks_in_handler = forks_in_handler + 1;
+    errno = error;
+  };
+  sigaction(SIGUSR2, &action, nullptr);
+  constexpr int Forks = 200;
+  std::atomic<bool> running{false}, sent{false};
+  const pthread_t loop = pthread_self();
+  std::thread sender([&] {
+    EXPECT_TRUE(wait_for([&] { return running.load(); }));
+    for (int i = 0; i < Forks; ++i) {
+      pthread_kill(loop, SIGUSR2);
+      EXPECT_TRUE(wait_for([&] { return forks_in_handler > i; }));
+      std::this_thread::sleep_for(std::chrono::microseconds(i * 7919 % 300));
+    }
+    sent = true;
+  });
+  // Always ready, so that the loop hardly ever waits.
+  std::vector<std::unique_ptr<Connection>> connections(20);
+  RecordingAIO writer(RecordingAIO::Output, "writer");
+  writer.on_ready = [&](VrnFile*) {
+    running = true;
+    if (sent.exchange(false)) mgr->stopDispatcher();
+  };
+  for (auto& connection : connections) {
+    connection = std::make_unique<Connection>();
+    mgr->startAIO(&connection->file, &writer);
+  }
+  mgr->startDispatcher();
+  sender.join();
+  EXPECT_EQ(forks_in_handler, Forks);
+  VrnEvtMgr::destroy();
+  VrnAppShell::evtmgr = nullptr;
+}
+
+#endif
+
 }  // namespace
 }  // namespace vornfc
