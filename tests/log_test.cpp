@@ -259,6 +259,12 @@ TEST_F(LogTest, PercentSignsInTextsAreText) {
   EXPECT_EQ(slurp(path("log")), "%n INFO 100%s%n-" + ids() + "%s%n%99999d\n");
 }
 
+TEST_F(LogTest, LetterBehindAConversionIsText) {
+  VrnLog log("app", path("log").c_str(), NEVER, 3, "", NONE);
+  log.log(3, "%ldd %luu %lxx %ds %ul %xd %sd", 5L, 6UL, 10UL, -7, 8U, 11U, "text");
+  EXPECT_EQ(messages("log"), (Texts{"5d 6u ax -7s 8l bd textd"}));
+}
+
 // What it leaves of the text is the system's to tell.
 TEST_F(LogTest, FormatThatEndsInAConversionLeavesAWholeRecord) {
 #ifdef VORNFC_TEST_TSAN
