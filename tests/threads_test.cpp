@@ -485,24 +485,71 @@ TEST_F(ThreadsTest, StopOfAWatchWaitsForItsCallback) {
   EXPECT_EQ(reader.ready, 1);
 }
 
-TEST_F(ThreadsTest, StopOfAReceiverWaitsForItsCallback) {
-  Connection connection;
-  std::promise<void> entered;
-  std::atomic<bool> left{false};
-  RecordingReceiver receiver("receiver");
-  receiver.on_ready = [&](VrnFile*) {
+// A callback that another thread sees the middle of.
+struct Slow {
+  void run() {
     entered.set_value();
     std::this_thread::sleep_for(milliseconds(30));
     left = true;
-  };
+  }
+  std::promise<void> entered;
+  std::atomic<bool> left{false};
+};
+
+class SlowReceiver : public VrnAsyncReceiver {
+ public:
+  SlowReceiver() : VrnAsyncReceiver("receiver") {}
+  void aioReady(VrnFile* file) override {
+    char byte;
+    EXPECT_EQ(read(file->fd, &byte, 1), 1);
+    call.run();
+  }
+  void aioRemoved(VrnFile*, bool, bool) override {}
+  Slow call;
+};
+
+TEST_F(ThreadsTest, StopOfAReceiverWaitsForItsCallback) {
+  Connection connection, other;
+  SlowReceiver receiver, other_receiver;
   connection.send("x");
+  other.send("x");
   run_while([&] {
     receiver.aioStart(&connection.file);
-    entered.get_future().wait();
-    EXPECT_EQ(receiver.aioTerminate(), 0);
-    EXPECT_TRUE(left);
+    receiver.call.entered.get_future().wait();
+    EXPECT_TRUE(receiver.aioStop(&connection.file));
+    EXPECT_TRUE(receiver.call.left);
+    other_receiver.aioStart(&other.file);
+    other_receiver.call.entered.get_future().wait();
+    EXPECT_EQ(other_receiver.aioTerminate(), 0);
+    EXPECT_TRUE(other_receiver.call.left);
   });
-  EXPECT_EQ(receiver.ready, 1);
+}
+
+class SlowReader : public VrnAsyncReader {
+ public:
+  SlowReader() : VrnAsyncReader("reader") {}
+  void aioReceived(VrnFile*, int, char*) override { call.run(); }
+  void aioReadable(VrnFile*) override {}
+  void aioRemoved(VrnFile*, bool, bool) override {}
+  char buffer[8];
+  Slow call;
+};
+
+TEST_F(ThreadsTest, StopOfAReaderWaitsForItsCallback) {
+  Connection connection, other;
+  SlowReader reader, other_reader;
+  connection.send("x");
+  other.send("x");
+  run_while([&] {
+    reader.aioRequest(&connection.file, 1, reader.buffer);
+    reader.call.entered.get_future().wait();
+    EXPECT_TRUE(reader.aioStop(&connection.file));
+    EXPECT_TRUE(reader.call.left);
+    other_reader.aioRequest(&other.file, 1, other_reader.buffer);
+    other_reader.call.entered.get_future().wait();
+    EXPECT_EQ(other_reader.aioTerminate(), 0);
+    EXPECT_TRUE(other_reader.call.left);
+  });
 }
 
 // The stop gives the callback a moment and then returns without it.
