@@ -410,14 +410,20 @@ TEST_F(TimerTest, StopOnAnotherThreadIsDoneAtOnce) {
 // Another thread's stop overtakes the start that is still on its way.
 TEST_F(TimerTest, StopOnAnotherThreadAlsoEndsAStartOnItsWay) {
   CountingTimer timer("t");
+  CountingTimer distant("distant");
   loop.on_dispatcher([&] {
     timer.startTimer(0, 0, 0, 0);
-    elsewhere([&] { EXPECT_TRUE(timer.stopTimer()); });
+    distant.startTimer(60, 0, 0, 0);
+    elsewhere([&] {
+      EXPECT_TRUE(timer.stopTimer());
+      EXPECT_TRUE(distant.stopTimer());
+    });
   });
   loop.on_dispatcher([] {});
   loop.on_dispatcher([] {});
   loop.run_calls();
   EXPECT_EQ(timer.expired, 0);
+  EXPECT_FALSE(log.contains("distant remains"));
 }
 
 TEST_F(TimerTest, DueTimerThatAnotherOneStopsDoesNotFire) {
