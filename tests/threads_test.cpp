@@ -1046,7 +1046,7 @@ TEST(ForkTest, AnObjectEndsInAChildThatWasForkedDuringItsCallback) {
 
 #ifndef VORNFC_TEST_TSAN  // which keeps a signal back until a call that waits
 
-volatile sig_atomic_t forks_in_handler = 0;
+std::atomic<int> forks_in_handler{0};
 
 // Whatever the loop is at, its lock included: it is the loop's own thread that forks.
 TEST(ForkTest, AHandlerOnTheLoopsThreadMayFork) {
@@ -1057,7 +1057,7 @@ TEST(ForkTest, AHandlerOnTheLoopsThreadMayFork) {
     const int error = errno;
     const pid_t child = fork();
     if (child == 0) _exit(0);
-    if (child > 0 && waitpid(child, nullptr, 0) == child) forks_in_handler = forks_in_handler + 1;
+    if (child > 0 && waitpid(child, nullptr, 0) == child) ++forks_in_handler;
     errno = error;
   };
   sigaction(SIGUSR2, &action, nullptr);
