@@ -121,7 +121,8 @@ void VrnEvtMgrNative::tell_cancelled(Lock* lock, VrnFile* file, VrnAIO* aio, boo
                                      bool err) {
   // A stop that is on its way still must not end the next watch.
   if (aio->list && !aio->list->watch_ended(file)) registrar->voidRequests(file, aio);
-  const Callback callback(this, lock, aio, file);
+  Caller caller(lock);
+  const Callback callback(&caller, aio, file);
   try {
     aio->aioCancelled(file, hangup, err);
   } catch (...) {
@@ -201,27 +202,15 @@ bool VrnEvtMgrNative::refresh(pollfd* entry, unsigned serial, bool of_loop) cons
   return true;
 }
 
-void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
-  if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
-  Lock lock(registry);
-  const auto fd = static_cast<size_t>(entry->fd);
-  if (fd >= iofiles.size()) return;  // never watched; -1 too
-  if (record->file == iofiles[fd].file) record->serial = iofiles[fd].serial;
-  handle_ready(&lock, entry, record->serial, false);
-  const iofile_t& current = iofiles[fd];
-  if (current.pidx != -1 && current.serial == record->serial) *record = current;
-}
-
 // Readable data comes before a hang-up that is reported with it; the hang-up is handled at a later
 // turn, when there is no data any more.
-void VrnEvtMgrNative::handle_ready(Lock* lock, pollfd* entry, unsigned serial, bool of_loop) {
-  if (entry->revents & POLLOUT) {
-    call_ready(lock, entry->fd, serial, slot_of(false));
-    if (!refresh(entry, serial, of_loop)) return;
-  }
-  if (entry->revents & (POLLIN | POLLPRI)) {
-    call_ready(lock, entry->fd, serial, slot_of(true));
-    return;
+inline void VrnEvtMgrNative::handle_ready(Caller* caller, pollfd* entry, unsigned serial,
+                                          bool of_loop) {
+  while (entry->revents & (POLLOUT | POLLIN | POLLPRI)) {
+    const bool input = (entry->revents & POLLOUT) == 0;
+    call_ready(caller, entry->fd, slot_of(input));
+    if (input || !refresh(entry, serial, of_loop)) return;
+    entry->revents = static_cast<short>(entry->revents & ~POLLOUT);
   }
   if ((entry->revents & (POLLERR | POLLHUP | POLLNVAL)) == 0) return;
   const bool err = (entry->revents & (POLLERR | POLLNVAL)) != 0;
@@ -229,18 +218,84 @@ void VrnEvtMgrNative::handle_ready(Lock* lock, pollfd* entry, unsigned serial, b
     const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
     if (current.pidx == -1 || current.serial != serial) return;
     curaio = current.aios[slot];
-    if (curaio) stop_watch(lock, current.file, curaio, true, true, err);
+    if (curaio) stop_watch(caller->lock, current.file, curaio, true, true, err);
   }
 }
 
-void VrnEvtMgrNative::call_ready(Lock* lock, int fd, unsigned serial, size_t slot) {
+inline void VrnEvtMgrNative::call_ready(Caller* caller, int fd, size_t slot) {
   const iofile_t& record = iofiles[static_cast<size_t>(fd)];
-  if (record.pidx == -1 || record.serial != serial || !record.aios[slot]) return;
   VrnAIO* const aio = record.aios[slot];
+  if (!aio) return;
   VrnFile* const file = record.file;
   curaio = aio;
-  const Callback callback(this, lock, aio, file);
+  const Callback callback(caller, aio, file);
   aio->aioReady(file);
+}
+
+// The walk goes by position, and reads the entry count again after every callback. An entry that a
+// callback moves into a position already passed waits for the next turn.
+void VrnEvtMgrNative::deliver_ready(Lock* lock, int ready) {
+  Caller caller(lock);
+  pollfd entry;
+  for (; ready > 0 && next_ready(&entry); ++walked, --ready) {
+    const unsigned serial = iofiles[static_cast<size_t>(entry.fd)].serial;
+    curaio = nullptr;
+    bool threw = false;
+    try {
+      handle_ready(&caller, &entry, serial, true);
+    } catch (...) {
+      if (throwtasks || !curaio) throw;
+      release_registry(lock);
+      vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
+      end_thrown_watch(entry.fd, serial);
+      threw = true;
+    }
+    // Not in the handler: the exception ends with it, and may own objects that take the lock to
+    // end.
+    if (threw) take_registry(lock);
+  }
+  walking = false;
+}
+
+// Most turns change no registration: the walk then goes over what the wait has found, and pollfds
+// is not even looked at.
+bool VrnEvtMgrNative::next_ready(pollfd* entry) {
+  if (pollfds_changed) {
+    while (walked < pollfds.size() && pollfds[walked].revents == 0) ++walked;
+    if (walked >= pollfds.size()) return false;
+    *entry = pollfds[walked];
+  } else {
+    if (next_of_ready >= ready_wait->ready_count()) return false;
+    const ReadyWait::Ready& next = ready_wait->ready()[next_of_ready++];
+    walked = next.position;
+    *entry = next.entry;
+  }
+  return true;
+}
+
+// The first change after the wait makes pollfds what the rest of the walk goes over.
+void VrnEvtMgrNative::before_change() {
+  if (walking && !pollfds_changed) {
+    for (pollfd& entry : pollfds) entry.revents = 0;
+    for (size_t i = 0; i < ready_wait->ready_count(); ++i) {
+      const auto& [entry, position] = ready_wait->ready()[i];
+      if (position >= walked) pollfds[position].revents = entry.revents;
+    }
+  }
+  pollfds_changed = true;
+}
+
+void VrnEvtMgrNative::handleIO(pollfd* entry, iofile_t* record) {
+  if (!entry || !record) throw VrnException(3, "EvtMgr: Null entry to handle");
+  Lock lock(registry);
+  const auto fd = static_cast<size_t>(entry->fd);
+  if (fd >= iofiles.size()) return;  // never watched; -1 too
+  if (record->file == iofiles[fd].file) record->serial = iofiles[fd].serial;
+  if (iofiles[fd].pidx == -1 || record->serial != iofiles[fd].serial) return;
+  Caller caller(&lock);
+  handle_ready(&caller, entry, record->serial, false);
+  const iofile_t& current = iofiles[fd];
+  if (current.pidx != -1 && current.serial == record->serial) *record = current;
 }
 
 void VrnEvtMgrNative::drop_listings(VrnFile* file) {

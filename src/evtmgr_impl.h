@@ -14,6 +14,9 @@
 #include <cstddef>
 #include <mutex>
 
+// Of the library alone, so that its code reaches them without a look into a table.
+#pragma GCC visibility push(hidden)
+
 namespace vornfc {
 
 // Guards every registration of the event manager, and which manager there is. It is not the
@@ -62,8 +65,6 @@ inline void notify_waiting() {
   if (waiting > 0) change.notify_all();
 }
 
-extern std::atomic<int> callbacks_running;  // guarded like the registrations
-
 // Ends the wait of the loop by a record in the registrar's pipe. Any thread, signal handlers too.
 void send_wake() noexcept;
 void open_wake(int write_end);   // from now on send_wake() writes there
@@ -86,32 +87,38 @@ constexpr int RecordSize = 32;
 extern std::atomic<int> sig_ready;
 
 // Here, so that what is done for every event is no call.
-inline VrnEvtMgrNative::Callback::Callback(VrnEvtMgrNative* manager, Lock* registry_lock,
-                                           const void* object, const void* second)
-    : mgr(manager),
-      lock(registry_lock),
-      objects{object, second},
+inline VrnEvtMgrNative::Caller::Caller(Lock* registry_lock)
+    : lock(registry_lock),
       thread(pthread_self()),
       marked(holds_registry()),
-      locked(lock->owns_lock()),
-      outer(manager->callbacks) {
-  mgr->callbacks = this;
-  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_relaxed);
-  if (locked) lock->unlock();
-  if (marked) registry_holder.store(pthread_t{}, std::memory_order_relaxed);
+      outer(latest.load(std::memory_order_relaxed)) {
+  latest.store(this, std::memory_order_relaxed);
+}
+
+inline VrnEvtMgrNative::Caller::~Caller() {
+  if (!lock->owns_lock() && !alone()) lock->lock();  // an exception may have left it released
+  // The first, but for one that another thread has begun meanwhile.
+  Caller* first = latest.load(std::memory_order_relaxed);
+  Caller** link = &first;
+  while (*link != this) link = &(*link)->outer;
+  *link = outer;
+  latest.store(first, std::memory_order_release);
+}
+
+inline VrnEvtMgrNative::Callback::Callback(Caller* by, const void* object, const void* second)
+    : caller(by), locked(by->lock->owns_lock()) {
+  caller->objects = {object, second};
+  if (locked) caller->lock->unlock();
+  if (caller->marked) registry_holder.store(pthread_t{}, std::memory_order_relaxed);
 }
 
 inline VrnEvtMgrNative::Callback::~Callback() {
-  if (marked) registry_holder.store(thread, std::memory_order_relaxed);
-  if (locked || !alone()) lock->lock();
-  // The first, but for a callback that an operation on another thread makes meanwhile.
-  Callback** link = &mgr->callbacks;
-  while (*link != this) link = &(*link)->outer;
-  *link = outer;
-  callbacks_running.store(callbacks_running.load(std::memory_order_relaxed) - 1,
-                          std::memory_order_release);
+  if (caller->marked) registry_holder.store(caller->thread, std::memory_order_relaxed);
+  if (locked || !alone()) caller->lock->lock();
+  caller->objects = {};
   notify_waiting();
 }
 
 }  // namespace vornfc
+
+#pragma GCC visibility pop

@@ -30,7 +30,7 @@ VrnEvtMgrNative* native_manager = nullptr;
 std::atomic<pthread_t> registry_holder{};
 std::condition_variable change;
 int waiting = 0;
-std::atomic<int> callbacks_running{0};
+std::atomic<VrnEvtMgrNative::Caller*> VrnEvtMgrNative::Caller::latest{nullptr};
 
 namespace {
 
@@ -173,7 +173,7 @@ void VrnEvtMgrNative::dispatcher() {
   Lock lock(registry, std::defer_lock);
   take_registry(&lock);
   for (;;) {
-    deliver_signals(&lock);
+    if (sig_ready) deliver_signals(&lock);
     const int timeout = fire_due_timers(&lock);  // ms until the next one; -1: no timer left
     if (dead) return;
     if (timeout == -1 && pollfds.empty()) {
@@ -189,17 +189,18 @@ void VrnEvtMgrNative::dispatcher() {
 }
 
 // All that are due fire against the same time of day, and up to a precision unit early.
-int VrnEvtMgrNative::fire_due_timers(Lock* lock) {
+inline int VrnEvtMgrNative::fire_due_timers(Lock* lock) {
   if (timers->empty()) return -1;
   timeval now;
   gettimeofday(&now, nullptr);
+  Caller caller(lock);
   while (!timers->empty()) {
     VrnTimer* const timer = timers->first()->owner;
     const int left = timer->compare(&now) / timerprec;
     if (left > 0) return left;
     unqueue(timer);
     const unsigned start = timer->impl->starts;
-    const Callback callback(this, lock, timer);
+    const Callback callback(&caller, timer);
     try {
       timer->trigger(now, start);
     } catch (...) {
@@ -212,7 +213,7 @@ int VrnEvtMgrNative::fire_due_timers(Lock* lock) {
 
 // Returns the number of descriptors that have returned events. Other threads may change pollfds
 // during the wait, so poll() works on a copy.
-int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
+inline int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
   if (pollfds_changed) {
     serials.clear();
     for (const pollfd& entry : pollfds) {
@@ -225,7 +226,7 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
   if (!ready_wait->look()) {
     if (!ready_wait->poll(timeout)) {
       if (errno != EINTR) {
-        throw VrnException(2, "poll() on %d files failed", count(ready_wait->entries()));
+        throw VrnException(2, "poll() on %d files failed", count(*ready_wait));
       }
       take_registry(lock);
       errno = 0;
@@ -235,17 +236,17 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
   take_registry(lock);
   ready_wait->collect();
   walked = next_of_ready = 0;
-  int ready = count(ready_wait->ready());
+  auto ready = static_cast<int>(ready_wait->ready_count());
   if (!pollfds_changed) {
     ready_wait->settle();
     walking = true;
     return ready;
   }
   for (pollfd& entry : pollfds) entry.revents = 0;
-  for (const size_t i : ready_wait->ready()) {
-    const pollfd& returned = ready_wait->entries()[i];
+  for (size_t i = 0; i < ready_wait->ready_count(); ++i) {
+    const auto& [returned, position] = ready_wait->ready()[i];
     const iofile_t& record = iofiles[static_cast<size_t>(returned.fd)];
-    if (record.pidx == -1 || record.serial != serials[i]) {
+    if (record.pidx == -1 || record.serial != serials[position]) {
       --ready;  // an event of a watch that has ended
       continue;
     }
@@ -254,53 +255,6 @@ int VrnEvtMgrNative::wait_for_events(Lock* lock, int timeout) {
     entry.revents = static_cast<short>(returned.revents & ~unasked);
   }
   return ready;
-}
-
-// The walk goes by position, and reads the entry count again after every callback. An entry that a
-// callback moves into a position already passed waits for the next turn.
-void VrnEvtMgrNative::deliver_ready(Lock* lock, int ready) {
-  pollfd entry;
-  for (; ready > 0 && next_ready(&entry); ++walked, --ready) {
-    const unsigned serial = iofiles[static_cast<size_t>(entry.fd)].serial;
-    curaio = nullptr;
-    try {
-      handle_ready(lock, &entry, serial, true);
-    } catch (...) {
-      if (throwtasks || !curaio) throw;
-      release_registry(lock);
-      vrnlog(1, "EvtMgr: IO task threw [%s]", VrnException::handler().c_str());
-      end_thrown_watch(entry.fd, serial);
-    }
-    // Not in the handler: the exception ends with it, and may own objects that take the lock to
-    // end.
-    take_registry(lock);
-  }
-  walking = false;
-}
-
-// Most turns change no registration: the walk then goes over what the wait has found, and pollfds
-// is not even looked at.
-bool VrnEvtMgrNative::next_ready(pollfd* entry) {
-  if (pollfds_changed) {
-    while (walked < pollfds.size() && pollfds[walked].revents == 0) ++walked;
-    if (walked >= pollfds.size()) return false;
-    *entry = pollfds[walked];
-  } else {
-    if (next_of_ready >= ready_wait->ready().size()) return false;
-    walked = ready_wait->ready()[next_of_ready++];
-    *entry = ready_wait->entries()[walked];
-  }
-  return true;
-}
-
-// The first change after the wait makes pollfds what the rest of the walk goes over.
-void VrnEvtMgrNative::before_change() {
-  if (walking && !pollfds_changed) {
-    for (size_t i = 0; i < pollfds.size(); ++i) {
-      pollfds[i].revents = i < walked ? short{0} : ready_wait->entries()[i].revents;
-    }
-  }
-  pollfds_changed = true;
 }
 
 void VrnEvtMgrNative::dispatcherStopped() {
@@ -449,7 +403,8 @@ void VrnEvtMgrNative::stop_timer(Lock* lock, VrnTimer* timer, bool notify) {
   if (!timer) throw VrnException(3, "EvtMgr: Null timer to stop");
   unqueue(timer);
   if (!notify) return;
-  const Callback callback(this, lock, timer);
+  Caller caller(lock);
+  const Callback callback(&caller, timer);
   try {
     timer->timerCancelled();
   } catch (...) {
@@ -523,19 +478,20 @@ void VrnEvtMgrNative::forked() {
   native_manager->wake_sent = false;  // the record may be the parent's to read
   // The other threads are not in the child, nor do their callbacks run there.
   waiting = 0;
-  for (Callback** link = &native_manager->callbacks; *link;) {
+  Caller* first = Caller::latest;
+  for (Caller** link = &first; *link;) {
     if (pthread_equal((*link)->thread, pthread_self())) {
       link = &(*link)->outer;
     } else {
       *link = (*link)->outer;
-      --callbacks_running;
     }
   }
+  Caller::latest = first;
 }
 
-bool VrnEvtMgrNative::in_callback(const void* object) const {
-  for (const Callback* callback = callbacks; callback; callback = callback->outer) {
-    if (callback->objects[0] == object || callback->objects[1] == object) return true;
+bool VrnEvtMgrNative::in_callback(const void* object) {
+  for (const Caller* caller = Caller::latest; caller; caller = caller->outer) {
+    if (caller->objects[0] == object || caller->objects[1] == object) return true;
   }
   return false;
 }
@@ -545,14 +501,14 @@ bool VrnEvtMgrNative::in_callback(const void* object) const {
 bool VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
   if (!native_manager) return false;
   const bool on_loop = native_manager->on_loop_thread();
-  for (Callback* callback = native_manager->callbacks; callback; callback = callback->outer) {
-    if (!on_loop && !pthread_equal(callback->thread, pthread_self())) continue;
-    for (const void*& held : callback->objects) {
+  for (Caller* caller = Caller::latest; caller; caller = caller->outer) {
+    if (!on_loop && !pthread_equal(caller->thread, pthread_self())) continue;
+    for (const void*& held : caller->objects) {
       if (held == object) held = nullptr;
     }
   }
   if (!on_loop) {
-    wait(lock, [&] { return !native_manager || !native_manager->in_callback(object); });
+    wait(lock, [&] { return !native_manager || !in_callback(object); });
   }
   return native_manager != nullptr;
 }
@@ -560,13 +516,12 @@ bool VrnEvtMgrNative::end_callbacks(Lock* lock, const void* object) {
 void VrnEvtMgrNative::let_callback_finish(const void* object) {
   // The caller has held the registry lock since the object was stopped, so a callback that it is to
   // wait for is seen here.
-  if (callbacks_running.load(std::memory_order_acquire) == 0) return;
+  if (!Caller::latest.load(std::memory_order_acquire)) return;
   Lock lock(registry);
   if (!native_manager || native_manager->on_loop_thread()) return;
-  if (!native_manager->in_callback(object)) return;
+  if (!in_callback(object)) return;
   ++waiting;
-  change.wait_for(lock, CallbackGrace,
-                  [&] { return !native_manager || !native_manager->in_callback(object); });
+  change.wait_for(lock, CallbackGrace, [&] { return !native_manager || !in_callback(object); });
   --waiting;
 }
 

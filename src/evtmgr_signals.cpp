@@ -86,7 +86,8 @@ VrnSignalHandler* VrnEvtMgrNative::change_signal(Lock* lock, bool start, bool no
     }
   }
   if (handler && notify) {
-    const Callback callback(this, lock, handler);
+    Caller caller(lock);
+    const Callback callback(&caller, handler);
     sigResponse(false, handler, signo);
   }
   return previous;
@@ -111,14 +112,14 @@ void VrnEvtMgrNative::sigResponse(bool received, VrnSignalHandler* handler, int 
 // The flag is cleared before the scan, so a signal that arrives during it is seen at the next turn.
 // It is looked at first: to exchange it would cost every turn a locked instruction.
 void VrnEvtMgrNative::deliver_signals(Lock* lock) {
-  if (!sig_ready) return;
   sig_ready = 0;
+  Caller caller(lock);
   for (int signo = 0; signo < DeliveredSignals; ++signo) {
     if (!sig_pending[static_cast<size_t>(signo)].exchange(0)) continue;
     const auto it = sighandlers.find(signo);
     if (it == sighandlers.end()) continue;  // its handler was removed meanwhile
     VrnSignalHandler* const handler = it->second;
-    const Callback callback(this, lock, handler);
+    const Callback callback(&caller, handler);
     sigResponse(true, handler, signo);
   }
 }

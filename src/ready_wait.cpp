@@ -15,13 +15,14 @@ namespace vornfc {
 namespace {
 
 using std::chrono::steady_clock;
+using namespace std::chrono_literals;
 
 constexpr long DefaultMostPolled = 64;
 constexpr unsigned IdleTurns = 8;         // before a descriptor is handed to the queue
 constexpr size_t ManyReady = 32;          // in one turn: nothing is handed over
 constexpr unsigned HotTurns = 64;         // in a row with an event before it goes back to poll()
 constexpr unsigned TurnsWithoutTry = 16;  // after the queue was asked first in vain
-constexpr int CheckInterval = 1000;       // milliseconds
+constexpr std::chrono::nanoseconds CheckInterval = 1s;
 
 static_assert(EPOLLIN == POLLIN && EPOLLPRI == POLLPRI && EPOLLOUT == POLLOUT &&
                   EPOLLERR == POLLERR && EPOLLHUP == POLLHUP,
@@ -34,16 +35,17 @@ size_t most_polled_setting() {
   return static_cast<size_t>(std::max(0L, most ? strtol(most, nullptr, 10) : DefaultMostPolled));
 }
 
-long milliseconds() {
+// A clock that is read in every turn, so one that costs little.
+std::chrono::nanoseconds coarse_time() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
-// Rounded up, as poll() does: never too early. 0: past.
-int milliseconds_until(steady_clock::time_point end) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now());
-  return static_cast<int>(std::max<long>(0, left.count()));
+// For poll(). Rounded up, as it does itself: never too early. 0: past.
+int milliseconds(std::chrono::nanoseconds time) {
+  const auto whole = std::chrono::ceil<std::chrono::milliseconds>(time);
+  return static_cast<int>(std::max<long>(0, whole.count()));
 }
 
 }  // namespace
@@ -58,14 +60,12 @@ ReadyWait::~ReadyWait() {
 
 void ReadyWait::assign(const std::vector<pollfd>& entries, const std::vector<unsigned>& serials) {
   table = entries;
-  ready_positions.clear();
   if (table.size() <= most_polled / 2) close_queue();
   for (size_t i = 0; i < table.size(); ++i) {
     const int fd = table[i].fd;
-    table[i].revents = 0;
     if (static_cast<size_t>(fd) >= slots.size()) slots.resize(2 * static_cast<size_t>(fd) + 1);
     Slot& slot = slots[static_cast<size_t>(fd)];
-    if (slot.queued && (slot.serial != serials[i] || slot.events != table[i].events)) {
+    if (slot.queued != 0 && (slot.serial != serials[i] || slot.queued != table[i].events)) {
       dequeue(fd, &slot);
     }
     if (slot.serial != serials[i]) {
@@ -73,7 +73,7 @@ void ReadyWait::assign(const std::vector<pollfd>& entries, const std::vector<uns
       slot.serial = serials[i];
       slot.last_turn = turn;
     }
-    slot.position = i;
+    slot.position = static_cast<unsigned>(i);
   }
   list_busy();
 }
@@ -82,27 +82,25 @@ void ReadyWait::list_busy() {
   busy.clear();
   busy_positions.clear();
   for (size_t i = 0; i < table.size(); ++i) {
-    if (slots[static_cast<size_t>(table[i].fd)].queued) continue;
+    if (slots[static_cast<size_t>(table[i].fd)].queued != 0) continue;
     busy.push_back({table[i].fd, table[i].events, 0});
     busy_positions.push_back(i);
   }
   mixed = queued_count > 0;
   reports.resize(queued_count);
+  found.resize(std::max(found.size(), table.size() + queued_count));
 }
 
 // Where nothing is busy the queue alone knows who is ready, so in a lively time it is asked first:
 // most often poll() has nothing to wait for.
 bool ReadyWait::look() {
-  if (mixed) {  // poll() on the table does it itself, or the loop ends
-    for (const size_t position : ready_positions) table[position].revents = 0;
-  }
-  ready_positions.clear();
+  found_count = 0;
+  ++turn;
+  if (!mixed) return false;
   reported = 0;
   checked.clear();
-  any_hot = false;
-  ++turn;
   const bool not_yet = static_cast<int>(turn - next_try) < 0;
-  if (!mixed || !busy.empty() || not_yet || is_check_due(milliseconds())) return false;
+  if (!busy.empty() || not_yet || coarse_time() >= next_check) return false;
   if (take_from_queue()) return true;
   next_try = turn + TurnsWithoutTry;
   return false;
@@ -119,7 +117,7 @@ bool ReadyWait::plain_poll(int timeout) {
   const size_t size = table.size();
   for (size_t i = 0; count > 0 && i < size; ++i) {
     if (entries[i].revents == 0) continue;
-    ready_positions.push_back(i);
+    add(entries[i].fd, entries[i].events, entries[i].revents, i);
     --count;
   }
   return true;
@@ -133,15 +131,8 @@ bool ReadyWait::take_from_queue() {
   return reported > 0;
 }
 
-bool ReadyWait::is_check_due(long time) const {
-  return time - last_check >= CheckInterval;
-}
-
-// Once a second, and `now` in any case.
-void ReadyWait::check_all(bool now) {
-  const long time = milliseconds();
-  if (!now && !is_check_due(time)) return;
-  last_check = time;
+void ReadyWait::check_all() {
+  next_check = coarse_time() + CheckInterval;
   checked = table;
   if (::poll(checked.data(), checked.size(), 0) <= 0) checked.clear();
 }
@@ -150,14 +141,16 @@ bool ReadyWait::mixed_poll(int timeout) {
   busy.push_back({queue, POLLIN, 0});
   int count;
   // Each part takes a little longer than it should: the end is that of a clock, not of a sum.
-  const auto end = steady_clock::now() + std::chrono::milliseconds(timeout);
+  const auto end = timeout > 0 ? steady_clock::now() + std::chrono::milliseconds(timeout)
+                               : steady_clock::time_point();
   for (int left = timeout;;) {
-    const bool in_parts = left < 0 || left > CheckInterval;
-    count = ::poll(busy.data(), busy.size(), in_parts ? CheckInterval : left);
+    const int part = milliseconds(next_check - coarse_time());
+    const bool in_parts = left < 0 || left > part;
+    count = ::poll(busy.data(), busy.size(), in_parts ? part : left);
     if (count == -1) break;
-    check_all(count == 0 && in_parts);
+    if (part == 0 || (in_parts && count == 0)) check_all();
     if (count > 0 || !checked.empty() || !in_parts) break;
-    if (left > 0) left = std::min(left - CheckInterval, milliseconds_until(end));
+    if (left > 0) left = std::min(left - part, milliseconds(end - steady_clock::now()));
   }
   const bool queue_ready = count > 0 && busy.back().revents != 0;
   busy.pop_back();
@@ -169,63 +162,58 @@ void ReadyWait::collect() {
   if (!mixed) return;
   for (size_t i = 0; i < busy.size(); ++i) {
     if (busy[i].revents == 0) continue;
-    add_ready(busy_positions[i], busy[i].revents);
+    add(busy[i].fd, busy[i].events, busy[i].revents, busy_positions[i]);
     slots[static_cast<size_t>(busy[i].fd)].last_turn = turn;
   }
   for (size_t i = 0; i < reported; ++i) add_reported(reports[i]);
   // What the queue does not tell: a number that has been closed, or given to another file.
   for (size_t i = 0; i < checked.size(); ++i) {
     Slot& slot = slots[static_cast<size_t>(table[i].fd)];
-    if (checked[i].revents == 0 || !slot.queued || table[i].revents != 0) continue;
-    add_ready(i, checked[i].revents);
+    if (checked[i].revents == 0 || slot.queued == 0 || slot.last_turn == turn) continue;
+    add(checked[i].fd, checked[i].events, checked[i].revents, i);
     slot.last_turn = turn;
     slot.hot = HotTurns;
     any_hot = true;
   }
+  Ready* const end = found.data() + found_count;
+  const auto before = [](const Ready& a, const Ready& b) { return a.position < b.position; };
   // As a rule they are in order already.
-  if (!std::is_sorted(ready_positions.begin(), ready_positions.end())) {
-    std::sort(ready_positions.begin(), ready_positions.end());
-  }
-}
-
-void ReadyWait::add_ready(size_t position, short events) {
-  table[position].revents = events;
-  ready_positions.push_back(position);
+  if (!std::is_sorted(found.data(), end, before)) std::sort(found.data(), end, before);
 }
 
 void ReadyWait::add_reported(const epoll_event& report) {
-  const auto fd = static_cast<size_t>(report.data.u64 & UINT32_MAX);
+  const auto fd = static_cast<unsigned>(report.data.u64);
   Slot& slot = slots[fd];
   // Stopped since, or left over from a registration that could not be taken out.
-  if (!slot.queued || slot.serial != report.data.u64 >> 32) return;
-  add_ready(slot.position, static_cast<short>(report.events));
-  slot.hot = slot.last_turn + 1 == turn ? static_cast<unsigned short>(slot.hot + 1) : 1;
+  if (slot.queued == 0 || slot.serial != report.data.u64 >> 32) return;
+  add(static_cast<int>(fd), slot.queued, static_cast<short>(report.events), slot.position);
+  slot.hot = slot.last_turn + 1 == turn ? static_cast<unsigned char>(slot.hot + 1) : 1;
   slot.last_turn = turn;
   any_hot = any_hot || slot.hot >= HotTurns;
 }
 
-void ReadyWait::settle() {
-  if (table.size() <= most_polled && !mixed) return;
+void ReadyWait::rearrange() {
   if (stale) close_queue();
   if (!mixed) {
-    for (const size_t position : ready_positions) {
-      slots[static_cast<size_t>(table[position].fd)].last_turn = turn;
+    for (size_t i = 0; i < found_count; ++i) {
+      slots[static_cast<size_t>(found[i].entry.fd)].last_turn = turn;
     }
   }
   if (any_hot) send_back_hot();
   // Not in every turn: to look at each of many busy descriptors costs more than to find it out
   // late. And not while many are ready at once, of whom poll() tells for less than the queue does.
-  const bool due = table.size() > most_polled && turn - last_look >= idle_turns &&
-                   ready_positions.size() <= ManyReady;
+  const bool due = table.size() > most_polled && is_look_due() && found_count <= ManyReady;
   const bool changed = due && enqueue_idle();
   if (changed || busy.size() + queued_count != table.size()) list_busy();
 }
 
 // Ready in one turn after the other: poll() tells of them for less.
 void ReadyWait::send_back_hot() {
-  for (const size_t position : ready_positions) {
-    Slot& slot = slots[static_cast<size_t>(table[position].fd)];
-    if (slot.queued && slot.hot >= HotTurns) dequeue(table[position].fd, &slot);
+  any_hot = false;
+  for (size_t i = 0; i < found_count; ++i) {
+    const int fd = found[i].entry.fd;
+    Slot& slot = slots[static_cast<size_t>(fd)];
+    if (slot.queued != 0 && slot.hot >= HotTurns) dequeue(fd, &slot);
   }
 }
 
@@ -236,7 +224,7 @@ bool ReadyWait::enqueue_idle() {
   for (const size_t position : busy_positions) {
     const pollfd& entry = table[position];
     Slot& slot = slots[static_cast<size_t>(entry.fd)];
-    if (slot.queued || slot.refused || turn - slot.last_turn < idle_turns) continue;
+    if (slot.queued != 0 || slot.refused || turn - slot.last_turn < idle_turns) continue;
     any = enqueue(entry.fd, entry.events, &slot) || any;
   }
   return any;
@@ -253,9 +241,8 @@ bool ReadyWait::enqueue(int fd, short events, Slot* slot) {
     slot->refused = errno == EPERM;  // a regular file, for example
     return false;
   }
-  slot->queued = true;
+  slot->queued = events;
   slot->hot = 0;
-  slot->events = events;
   ++queued_count;
   return true;
 }
@@ -264,7 +251,7 @@ bool ReadyWait::enqueue(int fd, short events, Slot* slot) {
 void ReadyWait::dequeue(int fd, Slot* slot) {
   epoll_event event{};
   if (epoll_ctl(queue, EPOLL_CTL_DEL, fd, &event) == -1) stale = true;
-  slot->queued = false;
+  slot->queued = 0;
   --queued_count;
 }
 
@@ -274,13 +261,13 @@ void ReadyWait::close_queue() {
   queue = -1;
   queued_count = 0;
   stale = false;
-  for (Slot& slot : slots) slot.queued = false;
+  for (Slot& slot : slots) slot.queued = 0;
 }
 
 void ReadyWait::forget(int fd) {
   if (static_cast<size_t>(fd) >= slots.size()) return;
   Slot& slot = slots[static_cast<size_t>(fd)];
-  if (slot.queued) dequeue(fd, &slot);
+  if (slot.queued != 0) dequeue(fd, &slot);
 }
 
 void ReadyWait::forked() {

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 
+#include <chrono>
 #include <cstddef>
 #include <vector>
 
@@ -42,14 +43,24 @@ class ReadyWait {
   // After look() in vain: waits as poll() does. False: it failed, and `errno` tells why.
   bool poll(int timeout);
 
-  // After look() or poll(): entries() has the returned events from now on, and ready() the
-  // positions of those that have any, in ascending order.
+  // An entry that has returned events, and its position in the table.
+  struct Ready {
+    pollfd entry;
+    size_t position;
+  };
+
+  // After look() or poll(): from now on ready(), an array of ready_count(), has them all, in
+  // ascending order of position.
   void collect();
-  const std::vector<pollfd>& entries() const { return table; }
-  const std::vector<size_t>& ready() const { return ready_positions; }
+  const Ready* ready() const { return found.data(); }
+  size_t ready_count() const { return found_count; }
+  size_t size() const { return table.size(); }
 
   // After collect(), while the table is still that of the event manager: hands over what is idle.
-  void settle();
+  // Most turns have nothing to do for it.
+  void settle() {
+    if (mixed ? any_hot || stale || is_look_due() : table.size() > most_polled) rearrange();
+  }
 
   // A registration has ended. Called before its descriptor is closed.
   void forget(int fd);
@@ -57,25 +68,29 @@ class ReadyWait {
   void forked();  // in the child: the queue is the parent's
 
  private:
-  // What is known of a descriptor number.
+  // What is known of a descriptor number: little, since every event reads one from afar.
   struct Slot {
     unsigned serial = 0;
-    bool queued = false;
-    bool refused = false;    // the queue does not take it
-    short events = 0;        // that it is queued for
-    unsigned short hot = 0;  // turns in a row with an event from the queue
+    unsigned position = 0;   // in the table
     unsigned last_turn = 0;  // with an event, at first that in which the number became known
-    size_t position = 0;     // in the table
+    short queued = 0;        // the events that it is queued for; 0: it is not
+    unsigned char hot = 0;   // turns in a row with an event from the queue
+    bool refused = false;    // the queue does not take it
   };
 
   bool plain_poll(int timeout);
   bool mixed_poll(int timeout);
   bool take_from_queue();
-  bool is_check_due(long time) const;
-  void check_all(bool now);
-  void add_ready(size_t position, short events);
-  void send_back_hot();
+  void check_all();
+  void add(int fd, short events, short returned, size_t position) {
+    Ready& next = found[found_count++];
+    next.entry = {fd, events, returned};
+    next.position = position;
+  }
   void add_reported(const epoll_event& report);
+  bool is_look_due() const { return turn - last_look >= idle_turns; }
+  void rearrange();
+  void send_back_hot();
   void list_busy();
   bool enqueue_idle();
   bool enqueue(int fd, short events, Slot* slot);
@@ -85,7 +100,8 @@ class ReadyWait {
   const size_t most_polled;  // plain poll() up to here
   const unsigned idle_turns;
   std::vector<pollfd> table;
-  std::vector<size_t> ready_positions;
+  std::vector<Ready> found;  // room for more than there can be, the first `found_count` are used
+  size_t found_count = 0;
   std::vector<Slot> slots;  // by descriptor number
 
   bool mixed = false;        // the queue is in use
@@ -96,12 +112,12 @@ class ReadyWait {
   std::vector<pollfd> checked;  // all of the table, once a second; empty: not in this turn
   int queue = -1;
   size_t queued_count = 0;
-  bool any_hot = false;  // found by this turn: descriptors that go back to poll()
+  bool any_hot = false;  // there are descriptors that go back to poll()
   bool stale = false;  // a file could not be taken out of the queue: its number is not its any more
   unsigned turn = 0;
   unsigned last_look = 0;  // the turn of the last look at how long the busy have been idle
   unsigned next_try = 0;   // the turn from which on the queue is asked first
-  long last_check = 0;     // milliseconds
+  std::chrono::nanoseconds next_check{0};
 };
 
 }  // namespace vornfc

@@ -353,6 +353,46 @@ TEST(ReadyWaitTimeTest, PartsThatTakeLongerDoNotMakeATimerLate) {
   VrnAppShell::evtmgr = nullptr;
 }
 
+// However late in a part of the wait an event comes, the next part is only what is left of it.
+TEST(ReadyWaitTimeTest, EventsDoNotPutOffTheLookAtAll) {
+  using std::chrono::steady_clock;
+  setenv("VORN_EM_POLLMAX", "0", 1);
+  VrnEvtMgr* const mgr = VrnEvtMgr::instance(0);
+  VrnAppShell::evtmgr = mgr;
+  Connection idle, active;
+  RecordingReceiver receiver("receiver");
+  receiver.aioStart(&idle.file);
+  receiver.aioStart(&active.file);
+  constexpr nfds_t All = 3;  // with the registrar's
+  std::vector<steady_clock::time_point> looks;
+  const sys::Poll late_event = [&](pollfd* entries, nfds_t count, int timeout) {
+    if (count < All && timeout > 900) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(900));
+      active.send("x");
+    }
+    if (count == All && timeout == 0) looks.push_back(steady_clock::now());
+    if (looks.size() == 4) mgr->stopDispatcher();
+    return sys::system_poll(entries, count, timeout);
+  };
+  CountingTimer timer("t");
+  timer.on_expired = [&] {  // until all is handed over
+    if (timer.expired < 20) return timer.startTimer(0, 0, 0, 0);
+    looks.clear();
+    sys::set_poll(&late_event);
+  };
+  timer.startTimer(0, 0, 0, 0);
+  mgr->startDispatcher();
+  sys::set_poll(nullptr);
+  EXPECT_FALSE(receiver.received.empty());
+  ASSERT_EQ(looks.size(), 4u);
+  for (size_t i = 1; i < looks.size(); ++i) {
+    const std::chrono::duration<double> between = looks[i] - looks[i - 1];
+    EXPECT_LT(between.count(), 1.6);  // behind a part that begins anew it would be 1.8 at least
+  }
+  VrnEvtMgr::destroy();
+  VrnAppShell::evtmgr = nullptr;
+}
+
 // ---- a queue that refuses ----
 
 TEST_F(ReadyWaitTest, WhatTheQueueHasNoRoomForIsHeard) {

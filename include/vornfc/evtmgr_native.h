@@ -123,24 +123,38 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
 
   using Lock = std::unique_lock<std::mutex>;
 
-  // One callback that is running, the latest first: while it is, its objects may only be destroyed
-  // by its own thread and the dispatcher's; other threads wait for the end of the callback. The
-  // registry lock is released from the constructor to the destructor, which takes it again, and
-  // also where the loop did without it and the callback has started a second thread.
+  // Where a thread makes callbacks, one at a time. While one runs, its objects may only be
+  // destroyed by its own thread and the dispatcher's; other threads wait for the end of the
+  // callback.
+  class __attribute__((visibility("hidden"))) Caller {
+   public:
+    explicit Caller(Lock* lock);
+    ~Caller();
+    Caller(const Caller&) = delete;
+    Caller& operator=(const Caller&) = delete;
+
+    static std::atomic<Caller*> latest;  // changed under the registry lock
+
+    Lock* const lock;
+    const pthread_t thread;
+    const bool marked;  // as the one that holds the lock, which it is again after each callback
+    Caller* outer;      // the one before
+    std::array<const void*, 2> objects{};  // of the callback that is running
+  };
+
+  // A callback that is running. The registry lock is released from the constructor to the
+  // destructor, which takes it again, and also where the loop did without it and the callback has
+  // started a second thread.
   class __attribute__((visibility("hidden"))) Callback {
    public:
-    Callback(VrnEvtMgrNative* mgr, Lock* lock, const void* object, const void* second = nullptr);
+    explicit Callback(Caller* caller, const void* object, const void* second = nullptr);
     ~Callback();
     Callback(const Callback&) = delete;
     Callback& operator=(const Callback&) = delete;
 
-    VrnEvtMgrNative* const mgr;
-    Lock* const lock;
-    std::array<const void*, 2> objects;
-    const pthread_t thread;  // that runs it
-    const bool marked;       // as the one that holds the lock, which it is again afterwards
-    const bool locked;       // the lock was taken, and is again afterwards
-    Callback* outer;
+   private:
+    Caller* const caller;
+    const bool locked;  // the lock was taken, and is again afterwards
   };
 
   void deliver_signals(Lock* lock);
@@ -148,8 +162,8 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   int wait_for_events(Lock* lock, int timeout);
   void deliver_ready(Lock* lock, int count);
   bool next_ready(pollfd* entry);
-  void handle_ready(Lock* lock, pollfd* entry, unsigned serial, bool of_loop);
-  void call_ready(Lock* lock, int fd, unsigned serial, size_t slot);
+  void handle_ready(Caller* caller, pollfd* entry, unsigned serial, bool of_loop);
+  void call_ready(Caller* caller, int fd, size_t slot);
   bool refresh(pollfd* entry, unsigned serial, bool of_loop) const;
   void before_change();
   void end_thrown_watch(int fd, unsigned serial);
@@ -192,7 +206,7 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   static void drop_listings(VrnFile* file);
   static void check_watch(const VrnFile* file, const VrnAIO* aio);
   void unqueue(VrnTimer* timer);
-  bool in_callback(const void* object) const;
+  static bool in_callback(const void* object);
 
   static void guard_forks();
   static void forked();  // in a forked process
@@ -218,7 +232,6 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   std::vector<iofile_t> iofiles;  // indexed by descriptor number
   const std::unique_ptr<TimerQueue> timers;
   std::map<int, VrnSignalHandler*> sighandlers;
-  Callback* callbacks = nullptr;
   bool pollfds_changed = true;  // since they were given to `ready_wait`
   bool walking = false;         // the walk goes over what `ready_wait` has found
   size_t walked = 0;            // the position that the walk has reached
