@@ -192,7 +192,7 @@ void VrnEvtMgrNative::remove_entry(iofile_t* record) {
 // have what is not delivered yet of their returned events; whoever else has an entry handled keeps
 // those that are asked for still.
 bool VrnEvtMgrNative::refresh(pollfd* entry, unsigned serial, bool of_loop) const {
-  if (walking && !pollfds_changed) return true;
+  if (of_loop && walking && !pollfds_changed) return true;
   const iofile_t& current = iofiles[static_cast<size_t>(entry->fd)];
   if (current.pidx == -1 || current.serial != serial) return false;
   const short returned = entry->revents;

@@ -472,10 +472,6 @@ void VrnEvtMgrNative::forget(VrnSignalHandler* handler) {
 
 // In the child, with the registry lock held.
 void VrnEvtMgrNative::forked() {
-  if (!native_manager) return;
-  native_manager->before_change();
-  native_manager->ready_wait->forked();
-  native_manager->wake_sent = false;  // the record may be the parent's to read
   // The other threads are not in the child, nor do their callbacks run there.
   waiting = 0;
   Caller* first = Caller::latest;
@@ -487,6 +483,10 @@ void VrnEvtMgrNative::forked() {
     }
   }
   Caller::latest = first;
+  if (!native_manager) return;
+  native_manager->before_change();
+  native_manager->ready_wait->forked();
+  native_manager->wake_sent = false;  // the record may be the parent's to read
 }
 
 bool VrnEvtMgrNative::in_callback(const void* object) {

@@ -110,7 +110,6 @@ void VrnEvtMgrNative::sigResponse(bool received, VrnSignalHandler* handler, int 
 }
 
 // The flag is cleared before the scan, so a signal that arrives during it is seen at the next turn.
-// It is looked at first: to exchange it would cost every turn a locked instruction.
 void VrnEvtMgrNative::deliver_signals(Lock* lock) {
   sig_ready = 0;
   Caller caller(lock);

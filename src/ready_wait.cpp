@@ -123,8 +123,8 @@ bool ReadyWait::plain_poll(int timeout) {
   return true;
 }
 
-// True: it reports some. The application may have closed the queue's number, as any number: what
-// was in the queue is then busy from the end of the turn on.
+// True: it reports some. The application may have closed the queue's number, as any number: then it
+// reports none, and what was in it is found by the looks at all.
 bool ReadyWait::take_from_queue() {
   const int taken = epoll_wait(queue, reports.data(), static_cast<int>(reports.size()), 0);
   reported = static_cast<size_t>(std::max(taken, 0));
@@ -134,7 +134,11 @@ bool ReadyWait::take_from_queue() {
 void ReadyWait::check_all() {
   next_check = coarse_time() + CheckInterval;
   checked = table;
-  if (::poll(checked.data(), checked.size(), 0) <= 0) checked.clear();
+  int count;
+  do {
+    count = ::poll(checked.data(), checked.size(), 0);
+  } while (count == -1 && errno == EINTR);  // the signal's wake ends the next wait
+  if (count <= 0) checked.clear();
 }
 
 bool ReadyWait::mixed_poll(int timeout) {
@@ -166,19 +170,8 @@ void ReadyWait::collect() {
     slots[static_cast<size_t>(busy[i].fd)].last_turn = turn;
   }
   for (size_t i = 0; i < reported; ++i) add_reported(reports[i]);
-  // What the queue does not tell: a number that has been closed, or given to another file.
-  for (size_t i = 0; i < checked.size(); ++i) {
-    Slot& slot = slots[static_cast<size_t>(table[i].fd)];
-    if (checked[i].revents == 0 || slot.queued == 0 || slot.last_turn == turn) continue;
-    add(checked[i].fd, checked[i].events, checked[i].revents, i);
-    slot.last_turn = turn;
-    slot.hot = HotTurns;
-    any_hot = true;
-  }
-  Ready* const end = found.data() + found_count;
-  const auto before = [](const Ready& a, const Ready& b) { return a.position < b.position; };
-  // As a rule they are in order already.
-  if (!std::is_sorted(found.data(), end, before)) std::sort(found.data(), end, before);
+  if (!checked.empty()) add_checked();
+  if (found_count > 1) put_in_order();
 }
 
 void ReadyWait::add_reported(const epoll_event& report) {
@@ -190,6 +183,25 @@ void ReadyWait::add_reported(const epoll_event& report) {
   slot.hot = slot.last_turn + 1 == turn ? static_cast<unsigned char>(slot.hot + 1) : 1;
   slot.last_turn = turn;
   any_hot = any_hot || slot.hot >= HotTurns;
+}
+
+// What the queue does not tell: a number that has been closed, or given to another file.
+void ReadyWait::add_checked() {
+  for (size_t i = 0; i < checked.size(); ++i) {
+    Slot& slot = slots[static_cast<size_t>(table[i].fd)];
+    if (checked[i].revents == 0 || slot.queued == 0 || slot.last_turn == turn) continue;
+    add(checked[i].fd, checked[i].events, checked[i].revents, i);
+    slot.last_turn = turn;
+    slot.hot = HotTurns;
+    any_hot = true;
+  }
+}
+
+void ReadyWait::put_in_order() {
+  Ready* const end = found.data() + found_count;
+  const auto before = [](const Ready& a, const Ready& b) { return a.position < b.position; };
+  // As a rule they are in order already.
+  if (!std::is_sorted(found.data(), end, before)) std::sort(found.data(), end, before);
 }
 
 void ReadyWait::rearrange() {

@@ -23,7 +23,7 @@ namespace vornfc {
 // Settings from the environment: VORN_EM_POLLONLY "y": plain poll() always; VORN_EM_POLLMAX: up to
 // this many descriptors plain poll() is used (64; no number counts as 0, the queue takes all).
 //
-// Threads: the event manager calls look() and poll() on the dispatcher thread, and everything else
+// Threads: the event manager calls look(), poll() and size() on the dispatcher thread, and all else
 // with its registry lock held. Another thread only calls forget(), which touches nothing that these
 // do.
 class ReadyWait {
@@ -88,6 +88,8 @@ class ReadyWait {
     next.position = position;
   }
   void add_reported(const epoll_event& report);
+  void add_checked();
+  void put_in_order();
   bool is_look_due() const { return turn - last_look >= idle_turns; }
   void rearrange();
   void send_back_hot();

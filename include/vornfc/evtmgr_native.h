@@ -158,12 +158,12 @@ class VORNFC_EXPORT VrnEvtMgrNative : public VrnEvtMgr {
   };
 
   void deliver_signals(Lock* lock);
-  int fire_due_timers(Lock* lock);
-  int wait_for_events(Lock* lock, int timeout);
+  inline int fire_due_timers(Lock* lock);
+  inline int wait_for_events(Lock* lock, int timeout);
   void deliver_ready(Lock* lock, int count);
   bool next_ready(pollfd* entry);
-  void handle_ready(Caller* caller, pollfd* entry, unsigned serial, bool of_loop);
-  void call_ready(Caller* caller, int fd, size_t slot);
+  inline void handle_ready(Caller* caller, pollfd* entry, unsigned serial, bool of_loop);
+  inline void call_ready(Caller* caller, int fd, size_t slot);
   bool refresh(pollfd* entry, unsigned serial, bool of_loop) const;
   void before_change();
   void end_thrown_watch(int fd, unsigned serial);
